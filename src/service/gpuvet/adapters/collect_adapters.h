@@ -1,0 +1,14 @@
+#pragma once
+
+#include "adapters/adapter_entry.h"
+
+namespace gpuvet {
+
+// Builds the adapter list from the hardware library's records, each completed
+// with its driver version and date, and prints one line per adapter.
+void CollectAdapters(AdapterList& adapters);
+
+// Driver date of an adapter whose driver lookup found no row.
+constexpr const char* kFallbackDriverDate = "2012";
+
+}  // namespace gpuvet

@@ -1,0 +1,12 @@
+#pragma once
+
+namespace gpuvet {
+
+// Walks the arguments once, fills g_runOptions and carries out --details,
+// --blankrun and --help on the spot. Returns 1.
+int ParseCommandLine(int argc, char** argv);
+
+// Counts seconds for as long as the process lives.
+[[noreturn]] void BlankRun();
+
+}  // namespace gpuvet

@@ -1,0 +1,106 @@
+#include "platform/linux/pci_devices.h"
+
+extern "C" {
+#include <pci/pci.h>
+}
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+
+namespace platform::sysfs {
+namespace {
+
+struct PciAccessDeleter {
+  void operator()(pci_access* access) const { pci_cleanup(access); }
+};
+using PciAccessPtr = std::unique_ptr<pci_access, PciAccessDeleter>;
+
+struct DirCloser {
+  void operator()(DIR* dir) const { closedir(dir); }
+};
+using DirPtr = std::unique_ptr<DIR, DirCloser>;
+
+// libpci's warnings (an unreadable ID file, say) must not reach standard output.
+void IgnorePciMessage(char* /*format*/, ...) {}
+
+// The ID database is loaded once per process and used for every lookup.
+pci_access& NameDatabase() {
+  static const PciAccessPtr access = [] {
+    PciAccessPtr created(pci_alloc());
+    created->warning = IgnorePciMessage;
+    created->debug = IgnorePciMessage;
+    return created;
+  }();
+  return *access;
+}
+
+std::vector<std::string> ListEntryNames(DIR* dir) {
+  std::vector<std::string> names;
+  while (const dirent* entry = readdir(dir)) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") {
+      names.push_back(name);
+    }
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+}  // namespace
+
+std::optional<uint32_t> ReadNumberFile(const std::string& path) {
+  std::ifstream file(path);
+  std::string text;
+  if (!file || !std::getline(file, text) || text.empty()) {
+    return std::nullopt;
+  }
+  errno = 0;
+  char* end = nullptr;
+  const unsigned long long value = std::strtoull(text.c_str(), &end, 16);
+  if (end == text.c_str() || errno != 0 || value > UINT32_MAX) {
+    return std::nullopt;
+  }
+  return static_cast<uint32_t>(value);
+}
+
+std::string LookupDeviceName(uint32_t vendorId, uint32_t deviceId) {
+  char buffer[1024] = {};
+  const char* name = pci_lookup_name(&NameDatabase(), buffer, sizeof buffer, PCI_LOOKUP_DEVICE,
+                                     static_cast<int>(vendorId), static_cast<int>(deviceId));
+  return name != nullptr ? std::string(name) : std::string();
+}
+
+std::optional<std::vector<PciDisplayDevice>> ListDisplayDevices(const std::string& devicesDir,
+                                                                const SkipReporter& reportSkip) {
+  const DirPtr dir(opendir(devicesDir.c_str()));
+  if (!dir) {
+    return std::nullopt;
+  }
+  std::vector<PciDisplayDevice> devices;
+  for (const std::string& address : ListEntryNames(dir.get())) {
+    const std::string entryDir = devicesDir + "/" + address;
+    const std::optional<uint32_t> classCode = ReadNumberFile(entryDir + "/class");
+    if (!classCode) {
+      reportSkip("skipping " + address + ": class unreadable");
+      continue;
+    }
+    if ((*classCode >> 16) != kDisplayClassCode) {
+      continue;
+    }
+    const std::optional<uint32_t> vendorId = ReadNumberFile(entryDir + "/vendor");
+    const std::optional<uint32_t> deviceId = ReadNumberFile(entryDir + "/device");
+    if (!vendorId || !deviceId) {
+      reportSkip("skipping " + address + (vendorId ? ": device unreadable" : ": vendor unreadable"));
+      continue;
+    }
+    devices.push_back({address, entryDir, *vendorId, *deviceId, LookupDeviceName(*vendorId, *deviceId)});
+  }
+  return devices;
+}
+
+}  // namespace platform::sysfs

@@ -1,0 +1,10 @@
+#pragma once
+
+namespace gpuvet {
+
+// Formatted text to standard output, with the conventions of printf. Every line
+// the tool says goes through here; each call is one write under the stream's lock,
+// so lines of the watchdog thread never tear a line of the main thread.
+int Print(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+}  // namespace gpuvet

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace gpuvet::e2e {
+
+// What a program printed and how it ended.
+struct RunResult {
+  std::string out;
+  std::string err;
+  int status = -1;        // exit status as the parent sees it (0..255); -1 when killed by a signal
+  bool timedOut = false;  // the harness had to kill it
+};
+
+// One PCI function of a fixture machine, written as sysfs shows it.
+struct PciFixtureDevice {
+  std::string address;              // "0000:01:00.0"
+  uint32_t classCode = 0x030000;    // VGA controller
+  uint32_t vendorId = 0;
+  uint32_t deviceId = 0;
+  uint32_t subsystemVendor = 0;
+  uint32_t subsystemDevice = 0;
+  uint32_t revision = 0;
+};
+
+// A fixture machine: a temporary folder whose trees are bind-mounted over the
+// system's paths inside a private mount namespace, for one program run at a
+// time. The PCI tree always replaces /sys/bus/pci/devices; OpenCL sees only the
+// vendors registered with AddOpenClVendor (none by default).
+class FixtureMachine {
+ public:
+  FixtureMachine();
+  ~FixtureMachine();
+  FixtureMachine(const FixtureMachine&) = delete;
+  FixtureMachine& operator=(const FixtureMachine&) = delete;
+
+  const std::string& Root() const { return root_; }
+  // Absolute path of a path relative to the root.
+  std::string PathOf(const std::string& relativePath) const;
+
+  // Writes a file under the root (parents made as needed); returns its absolute path.
+  std::string WriteFile(const std::string& relativePath, const std::string& content) const;
+  std::string MakeDir(const std::string& relativePath) const;
+  std::string MakeSymlink(const std::string& target, const std::string& relativePath) const;
+
+  // Adds a PCI entry: "pci/devices/ADDRESS/{class,vendor,device,...}". Returns its folder.
+  std::string AddPciDevice(const PciFixtureDevice& device) const;
+  // Mounts source over target (file or folder) in the namespace of each run.
+  void BindMount(const std::string& source, const std::string& target);
+  // Registers an OpenCL vendor library for the runs (OCL_ICD_VENDORS folder).
+  void AddOpenClVendor(const std::string& name, const std::string& libraryPath) const;
+  // Sets a variable in the environment of every run.
+  void SetEnv(const std::string& name, const std::string& value);
+
+  // Runs a program inside the fixture's namespace with the fixture's mounts and
+  // environment; argv[0] is the program's path. Killed after timeoutSeconds.
+  RunResult Run(const std::vector<std::string>& argv, int timeoutSeconds = 60) const;
+  // Runs the gpuvet binary with the arguments.
+  RunResult RunGpuvet(const std::vector<std::string>& args, int timeoutSeconds = 60) const;
+
+ private:
+  std::string root_;
+  std::vector<std::pair<std::string, std::string>> mounts_;
+  std::map<std::string, std::string> env_;
+};
+
+// Empty when runs in a private mount namespace are possible here, else why not.
+const std::string& NamespaceUnavailableReason();
+
+// The path of the gpuvet binary under test, and of the project's test ICD.
+const char* GpuvetBinary();
+const char* TestIcdLibrary();
+
+}  // namespace gpuvet::e2e
+
+// Skips the current test, saying why, where no mount namespace can be made.
+#define GPUVET_REQUIRE_NAMESPACE()                                                   \
+  do {                                                                               \
+    const std::string& gpuvetSkipReason = ::gpuvet::e2e::NamespaceUnavailableReason(); \
+    if (!gpuvetSkipReason.empty()) GTEST_SKIP() << gpuvetSkipReason;                 \
+  } while (false)
