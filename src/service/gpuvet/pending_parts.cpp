@@ -1,20 +1,11 @@
 // Stand-ins for the parts of a run that are still being built; each goes when
 // its part lands.
-#include "adapters/driver_lookup.h"
-#include "exit_watchdog.h"
 #include "opencl/device_census.h"
 #include "result_serialize.h"
 #include "verdict/exit_codes.h"
 #include "verdict/run_verdict.h"
 
 namespace gpuvet {
-
-bool QueryDriverInfo(const qdx::platform::AdapterInfo_&, std::string&, std::string&) { return false; }
-
-ExitWatchdog::ExitWatchdog(int32_t code, int32_t ticks) : exitCode(code), tickCount(ticks) {}
-ExitWatchdog::~ExitWatchdog() = default;
-void ExitWatchdog::Start() {}
-void ExitWatchdog::Stop() {}
 
 int32_t ResultSerialize::Load(std::string, const AdapterList&) { return 0; }
 bool ResultSerialize::Find(const AdapterEntry&, AdapterResult&) const { return false; }
