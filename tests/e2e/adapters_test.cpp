@@ -143,6 +143,10 @@ struct SelectionCase {
   std::string indexLine;
 };
 
+void PrintTo(const SelectionCase& selectionCase, std::ostream* out) {
+  *out << selectionCase.name;
+}
+
 class SelectionTest : public AdaptersTest, public ::testing::WithParamInterface<SelectionCase> {};
 
 TEST_P(SelectionTest, SelectsTheExpectedAdapter) {

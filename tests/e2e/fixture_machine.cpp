@@ -173,6 +173,12 @@ FixtureMachine::FixtureMachine() {
   mounts_.emplace_back(MakeDir("pci/devices"), kPciDevicesPath);
   env_["PATH"] = kSearchPath;
   env_["OCL_ICD_VENDORS"] = MakeDir("opencl/vendors");
+  // Sanitizer builds run the binary under the same options as the tests.
+  for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS"}) {
+    if (const char* value = std::getenv(name)) {
+      env_[name] = value;
+    }
+  }
 }
 
 FixtureMachine::~FixtureMachine() {

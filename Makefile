@@ -1,0 +1,41 @@
+# The whole set-up: `make run` and `make test`. Both install what is missing first.
+BUILD ?= build
+JOBS ?= $(shell nproc)
+# Extra gpuvet arguments for `make run`, e.g. GPUVET_ARGS="--gpu 0 --details".
+GPUVET_ARGS ?=
+
+.PHONY: all deps run test test-debug test-asan test-tsan fuzz bench clean
+
+all: run
+
+deps:
+	@bash scripts/install-deps.sh
+
+run: deps
+	cmake -S . -B $(BUILD)/release -DCMAKE_BUILD_TYPE=Release -DGPUVET_TESTS=OFF
+	cmake --build $(BUILD)/release -j$(JOBS) --target gpuvet
+	@bash scripts/run-local.sh $(BUILD)/release/src/gpuvet examples/blacklist.xml examples/whitelist.xml \
+		$(BUILD)/results $(GPUVET_ARGS)
+
+# The whole suite in a Debug build with warnings as errors, then again under
+# AddressSanitizer and UndefinedBehaviorSanitizer, then the threaded parts under
+# ThreadSanitizer.
+test: deps test-debug test-asan test-tsan
+
+test-debug:
+	cmake -S . -B $(BUILD)/test -DCMAKE_BUILD_TYPE=Debug -DGPUVET_WERROR=ON
+	cmake --build $(BUILD)/test -j$(JOBS)
+	cd $(BUILD)/test && ctest --output-on-failure -j$(JOBS)
+
+test-asan:
+	cmake -S . -B $(BUILD)/asan -DCMAKE_BUILD_TYPE=Debug -DGPUVET_WERROR=ON -DGPUVET_SANITIZE=address,undefined
+	cmake --build $(BUILD)/asan -j$(JOBS)
+	cd $(BUILD)/asan && ctest --output-on-failure -j$(JOBS)
+
+test-tsan:
+	cmake -S . -B $(BUILD)/tsan -DCMAKE_BUILD_TYPE=Debug -DGPUVET_WERROR=ON -DGPUVET_SANITIZE=thread
+	cmake --build $(BUILD)/tsan -j$(JOBS)
+	cd $(BUILD)/tsan && ctest --output-on-failure -j$(JOBS) -L 'watchdog|e2e'
+
+clean:
+	rm -rf $(BUILD)
