@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -63,6 +64,7 @@ RunResult Spawn(const std::vector<std::string>& argv, const std::map<std::string
   }
   envp.push_back(nullptr);
 
+  const auto started = std::chrono::steady_clock::now();
   const pid_t pid = fork();
   if (pid == 0) {
     dup2(outPipe[1], STDOUT_FILENO);
@@ -112,8 +114,13 @@ RunResult Spawn(const std::vector<std::string>& argv, const std::map<std::string
     }
   }
   int status = 0;
-  waitpid(pid, &status, 0);
+  rusage usage{};
+  wait4(pid, &status, 0, &usage);
   result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  result.cpuSeconds = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+                      static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+  result.peakMemoryKb = usage.ru_maxrss;
+  result.wallSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   return result;
 }
 

@@ -16,6 +16,9 @@ struct RunResult {
   std::string err;
   int status = -1;        // exit status as the parent sees it (0..255); -1 when killed by a signal
   bool timedOut = false;  // the harness had to kill it
+  double wallSeconds = 0;  // from start to end
+  double cpuSeconds = 0;   // user and system time of the process
+  long peakMemoryKb = 0;   // its largest resident set
 };
 
 // One PCI function of a fixture machine, written as sysfs shows it.
