@@ -1,0 +1,37 @@
+#include "opencl/match_cl_device.h"
+
+#include <string>
+
+#include "verdict/exit_codes.h"
+
+namespace gpuvet {
+namespace {
+
+bool Contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+// Loose on purpose: the adapter list and OpenCL name one card differently, so
+// either name may hold the other, and the same vendor alone is enough.
+bool Fits(const AdapterEntry& adapter, const ClDeviceKey& device) {
+  return Contains(adapter.devName, device.DeviceName) || Contains(device.DeviceName, adapter.devName) ||
+         device.VID == adapter.venID;
+}
+
+}  // namespace
+
+int32_t MatchClDevice(int32_t selector, const AdapterEntry& adapter, ClDeviceKey& target) {
+  if (selector < 0) {
+    target.DeviceName = adapter.devName;
+    return GPUVET_OK;
+  }
+  for (const ClDeviceKey& device : ClDeviceTable) {
+    if (Fits(adapter, device)) {
+      target = device;
+      return GPUVET_OK;
+    }
+  }
+  return GPUVET_NO_PLATFORM;
+}
+
+}  // namespace gpuvet
