@@ -58,11 +58,10 @@ std::string NormalizedModuleName(std::string name) {
 
 std::string ModuleNameOfFile(const std::string& path) {
   std::string name = LastPathComponent(path);
-  for (const char* suffix : kModuleFileSuffixes) {
-    if (EndsWith(name, suffix)) {
-      name.resize(name.size() - std::char_traits<char>::length(suffix));
-      break;
-    }
+  const auto suffix = std::find_if(kModuleFileSuffixes.begin(), kModuleFileSuffixes.end(),
+                                   [&name](const char* candidate) { return EndsWith(name, candidate); });
+  if (suffix != kModuleFileSuffixes.end()) {
+    name.resize(name.size() - std::char_traits<char>::length(*suffix));
   }
   return NormalizedModuleName(name);
 }
