@@ -124,7 +124,7 @@ bool AdapterEntryEqual(const AdapterEntry& a, const AdapterEntry& b) {
 }
 
 std::string ResultSerialize::BuildPath(const std::string& dir) {
-  return platform::JoinPath(std::string(dir.c_str()), kResultFileName);
+  return platform::JoinPath(dir.substr(0, dir.find('\0')), kResultFileName);
 }
 
 // The records are kept only when they match the live adapters position by
@@ -187,14 +187,14 @@ int32_t ResultSerialize::Update(const AdapterResult& record) {
 
 int32_t ResultSerialize::ReadConfig(std::string path, std::vector<AdapterResult>& records) {
   try {
-    return ParseResults(std::move(path), records);
+    return ParseResults(path, records);
   } catch (const zavkit::JsonException& error) {
     Print("ResultSerialize::ReadConfig: %s\n", MessageOf(error));
   }
   return kFailed;
 }
 
-int32_t ResultSerialize::ParseResults(std::string path, std::vector<AdapterResult>& records) {
+int32_t ResultSerialize::ParseResults(const std::string& path, std::vector<AdapterResult>& records) {
   records.clear();
   zavkit::JsonDoc doc;
   if (doc.ParseFile(path) == kFailed) {
@@ -229,7 +229,7 @@ int32_t ResultSerialize::ParseResults(std::string path, std::vector<AdapterResul
   return kOk;
 }
 
-int32_t ResultSerialize::AddResult() {
+int32_t ResultSerialize::AddResult() const {
   try {
     return save_result();
   } catch (const zavkit::JsonException& error) {
@@ -240,7 +240,7 @@ int32_t ResultSerialize::AddResult() {
 
 // The file is read afresh, so that the members of others that stand in it now
 // are kept; a file that can't be read, or whose root is no object, is dropped.
-int32_t ResultSerialize::save_result() {
+int32_t ResultSerialize::save_result() const {
   zavkit::JsonDoc doc;
   const int32_t parsed = doc.ParseFile(path);
   std::optional<zavkit::JsonObject> root;

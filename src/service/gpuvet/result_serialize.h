@@ -38,11 +38,11 @@ class ResultSerialize {
   // The reader: the records of the file at `path` into `records`. 0, or -1 on
   // any failure, after which `records` holds what was complete by then.
   int32_t ReadConfig(std::string path, std::vector<AdapterResult>& records);
-  int32_t ParseResults(std::string path, std::vector<AdapterResult>& records);
+  static int32_t ParseResults(const std::string& path, std::vector<AdapterResult>& records);
   // The writer: `results` into the file at `path`, other root members kept.
   // 0, -3 when the section could not be made, -1 after a JSON error.
-  int32_t AddResult();
-  int32_t save_result();
+  int32_t AddResult() const;
+  int32_t save_result() const;
   // Replaces the "GpuVet" member of the root by a new one, at the end. Always 0.
   static int32_t WriteSection(zavkit::JsonObject& root, const std::vector<AdapterResult>& results);
 

@@ -114,13 +114,8 @@ TEST_F(ResultFileTest, RecordsSurviveAWriteAndARead) {
   Read(records, &status);
   EXPECT_EQ(status, 0);
   ASSERT_EQ(records.size(), 2u);
-  EXPECT_TRUE(AdapterEntryEqual(records[0].adapter, record.adapter));
-  EXPECT_EQ(records[0].checked, 1);
-  EXPECT_EQ(records[0].checkResult, -11);
-  EXPECT_EQ(records[0].clCVersion, record.clCVersion);
-  EXPECT_EQ(records[0].clDevVersion, record.clDevVersion);
-  EXPECT_EQ(records[0].clDrvVersion, record.clDrvVersion);
-  EXPECT_TRUE(AdapterEntryEqual(records[1].adapter, AdapterEntry{}));
+  EXPECT_TRUE(SameRecord(records[0], record));
+  EXPECT_TRUE(SameRecord(records[1], AdapterResult{}));
 }
 
 TEST_F(ResultFileTest, WriterPrintsTheFileAndItsPathAndWritesTheTenKeysInOrder) {

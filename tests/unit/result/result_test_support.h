@@ -51,6 +51,11 @@ class ResultDirTest : public testing::Test {
   ResultSerialize store;
 };
 
+inline bool SameRecord(const AdapterResult& a, const AdapterResult& b) {
+  return a.checked == b.checked && a.checkResult == b.checkResult && AdapterEntryEqual(a.adapter, b.adapter) &&
+         a.clCVersion == b.clCVersion && a.clDevVersion == b.clDevVersion && a.clDrvVersion == b.clDrvVersion;
+}
+
 inline AdapterEntry MakeAdapter(uint32_t venID, uint32_t devID, const std::string& name, const std::string& version) {
   return AdapterEntry{venID, devID, name, version, "20230607000000.000000-000"};
 }
