@@ -1,5 +1,6 @@
 #include "opencl/match_cl_device.h"
 
+#include <algorithm>
 #include <string>
 
 #include "verdict/exit_codes.h"
@@ -25,13 +26,14 @@ int32_t MatchClDevice(int32_t selector, const AdapterEntry& adapter, ClDeviceKey
     target.DeviceName = adapter.devName;
     return GPUVET_OK;
   }
-  for (const ClDeviceKey& device : ClDeviceTable) {
-    if (Fits(adapter, device)) {
-      target = device;
-      return GPUVET_OK;
-    }
+  // The first fitting row in table order wins, even if a later one fits better.
+  const auto fitting = std::find_if(ClDeviceTable.begin(), ClDeviceTable.end(),
+                                    [&adapter](const ClDeviceKey& device) { return Fits(adapter, device); });
+  if (fitting == ClDeviceTable.end()) {
+    return GPUVET_NO_PLATFORM;
   }
-  return GPUVET_NO_PLATFORM;
+  target = *fitting;
+  return GPUVET_OK;
 }
 
 }  // namespace gpuvet
