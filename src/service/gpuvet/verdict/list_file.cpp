@@ -4,7 +4,6 @@
 
 #include <cstdio>
 #include <cstring>
-#include <utility>
 
 #include "platform/runtime_text.h"
 
@@ -61,9 +60,17 @@ const tinyxml2::XMLElement* NextItem(const tinyxml2::XMLElement& item) {
   return next == nullptr ? nullptr : next->ToElement();
 }
 
-}  // namespace
+// Counted ahead, so that a long list is stored without regrowing.
+std::size_t CountItems(const tinyxml2::XMLElement* firstItem) {
+  std::size_t count = 0;
+  for (const tinyxml2::XMLElement* item = firstItem; item != nullptr; item = NextItem(*item)) {
+    ++count;
+  }
+  return count;
+}
 
-ListFile ReadListFile(const char* path, const char* rootName) {
+// The items in file order. The document goes when the items are read.
+ListFile ReadItems(const char* path, const char* rootName) {
   ListFile list;
   tinyxml2::XMLDocument document(true, tinyxml2::PRESERVE_WHITESPACE);
   if (document.LoadFile(path) != tinyxml2::XML_SUCCESS) {
@@ -76,12 +83,20 @@ ListFile ReadListFile(const char* path, const char* rootName) {
     list.outcome = ListFileOutcome::kNotAList;
     return list;
   }
-  for (const tinyxml2::XMLElement* item = root->FirstChildElement(kItemElement); item != nullptr;
-       item = NextItem(*item)) {
+  const tinyxml2::XMLElement* firstItem = root->FirstChildElement(kItemElement);
+  list.items.reserve(CountItems(firstItem));
+  for (const tinyxml2::XMLElement* item = firstItem; item != nullptr; item = NextItem(*item)) {
     list.items.push_back(ReadItem(*item));
   }
-  SortUnique(list.items);
   list.outcome = ListFileOutcome::kRead;
+  return list;
+}
+
+}  // namespace
+
+ListFile ReadListFile(const char* path, const char* rootName) {
+  ListFile list = ReadItems(path, rootName);
+  SortUnique(list.items);
   return list;
 }
 
