@@ -43,7 +43,7 @@ std::string Hex(uint32_t value, int digits) {
 // Runs argv with the environment, reading both output streams until the
 // program ends or the deadline passes.
 RunResult Spawn(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
-                const std::string& workDir, int timeoutSeconds) {
+                const std::string& workDir, std::chrono::milliseconds limit) {
   int outPipe[2];
   int errPipe[2];
   if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) {
@@ -81,7 +81,7 @@ RunResult Spawn(const std::vector<std::string>& argv, const std::map<std::string
   RunResult result;
   std::array<pollfd, 2> fds = {pollfd{outPipe[0], POLLIN, 0}, pollfd{errPipe[0], POLLIN, 0}};
   std::array<std::string*, 2> sinks = {&result.out, &result.err};
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
+  const auto deadline = std::chrono::steady_clock::now() + limit;
   int open = 2;
   while (open > 0) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
@@ -139,7 +139,8 @@ const NamespaceProbe& Probe() {
     }
     const std::string script = "mount --bind " + ShellQuote(folder) + " " + kPciDevicesPath;
     for (const char* flags : {"-m", "-rm"}) {
-      const RunResult result = Spawn({kUnshare, flags, "--", "/bin/sh", "-c", script}, {{"PATH", kSearchPath}}, "/", 30);
+      const RunResult result = Spawn({kUnshare, flags, "--", "/bin/sh", "-c", script}, {{"PATH", kSearchPath}}, "/",
+                                     std::chrono::seconds(30));
       if (result.status == 0) {
         rmdir(folder);
         return NamespaceProbe{flags, ""};
@@ -240,7 +241,42 @@ void FixtureMachine::SetEnv(const std::string& name, const std::string& value) {
   env_[name] = value;
 }
 
+void FixtureMachine::BindModuleDriver(const std::string& address, const std::string& module,
+                                      const std::string& version) {
+  const std::string driverDir = MakeDir("drivers/" + module);
+  if (!fs::exists(PathOf("drivers/" + module + "/module"))) {
+    MakeSymlink(MakeDir("sys-module/" + module), "drivers/" + module + "/module");
+  }
+  WriteFile("sys-module/" + module + "/version", version + "\n");
+  const std::string link = "pci/devices/" + address + "/driver";
+  std::error_code ignored;
+  fs::remove(PathOf(link), ignored);
+  MakeSymlink(driverDir, link);
+  if (!sysModuleMounted_) {
+    BindMount(PathOf("sys-module"), "/sys/module");
+    sysModuleMounted_ = true;
+  }
+}
+
+void FixtureMachine::SetKernelBuildDate(const std::string& date) {
+  WriteFile("proc/kernel-version", "#1 SMP PREEMPT_DYNAMIC Debian 6.1.0-1 (" + date + ")\n");
+  if (!kernelVersionMounted_) {
+    BindMount(PathOf("proc/kernel-version"), "/proc/sys/kernel/version");
+    kernelVersionMounted_ = true;
+  }
+}
+
 RunResult FixtureMachine::Run(const std::vector<std::string>& argv, int timeoutSeconds) const {
+  return RunFor(argv, std::chrono::seconds(timeoutSeconds));
+}
+
+RunResult FixtureMachine::RunGpuvetKilledAfter(const std::vector<std::string>& args, int milliseconds) const {
+  std::vector<std::string> argv = {GpuvetBinary()};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return RunFor(argv, std::chrono::milliseconds(milliseconds));
+}
+
+RunResult FixtureMachine::RunFor(const std::vector<std::string>& argv, std::chrono::milliseconds limit) const {
   std::string script;
   for (const auto& [source, target] : mounts_) {
     script += "mount --bind " + ShellQuote(source) + " " + ShellQuote(target) + " || exit 125\n";
@@ -248,7 +284,7 @@ RunResult FixtureMachine::Run(const std::vector<std::string>& argv, int timeoutS
   script += "exec \"$@\"\n";
   std::vector<std::string> command = {kUnshare, Probe().unshareFlags, "--", "/bin/sh", "-c", script, "sh"};
   command.insert(command.end(), argv.begin(), argv.end());
-  return Spawn(command, env_, root_, timeoutSeconds);
+  return Spawn(command, env_, root_, limit);
 }
 
 RunResult FixtureMachine::RunGpuvet(const std::vector<std::string>& args, int timeoutSeconds) const {

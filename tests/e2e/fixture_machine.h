@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -54,6 +55,12 @@ class FixtureMachine {
 
   // Adds a PCI entry: "pci/devices/ADDRESS/{class,vendor,device,...}". Returns its folder.
   std::string AddPciDevice(const PciFixtureDevice& device) const;
+  // Binds a loadable driver module to the PCI entry at address: its version is
+  // /sys/module/MODULE/version (the fixture's /sys/module replaces the system's).
+  void BindModuleDriver(const std::string& address, const std::string& module, const std::string& version);
+  // The running kernel's build date ("YYYY-MM-DD"), the date of drivers whose
+  // module file is not found.
+  void SetKernelBuildDate(const std::string& date);
   // Mounts source over target (file or folder) in the namespace of each run.
   void BindMount(const std::string& source, const std::string& target);
   // Registers an OpenCL vendor library for the runs (OCL_ICD_VENDORS folder).
@@ -66,9 +73,15 @@ class FixtureMachine {
   RunResult Run(const std::vector<std::string>& argv, int timeoutSeconds = 60) const;
   // Runs the gpuvet binary with the arguments.
   RunResult RunGpuvet(const std::vector<std::string>& args, int timeoutSeconds = 60) const;
+  // Runs the gpuvet binary and kills it after the given number of milliseconds.
+  RunResult RunGpuvetKilledAfter(const std::vector<std::string>& args, int milliseconds) const;
 
  private:
+  RunResult RunFor(const std::vector<std::string>& argv, std::chrono::milliseconds limit) const;
+
   std::string root_;
+  bool sysModuleMounted_ = false;
+  bool kernelVersionMounted_ = false;
   std::vector<std::pair<std::string, std::string>> mounts_;
   std::map<std::string, std::string> env_;
 };

@@ -1,0 +1,206 @@
+// The result file through the real binary: a first run stores the verdict, a
+// second run answers from it without OpenCL or list files, and what drops it.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "fixture_machine.h"
+#include "test_icd_config.h"
+
+namespace gpuvet::e2e {
+namespace {
+
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+constexpr int kStatusOk = 0;
+constexpr int kStatusNotInWhiteList = 11;
+
+const PciFixtureDevice kIntelAdapter{"0000:00:02.0", 0x030000, 0x8086, 0x3e92};
+const PciFixtureDevice kNvidiaAdapter{"0000:65:00.0", 0x030000, 0x10de, 0x1b80};
+
+IcdDevice NvidiaDevice() {
+  IcdDevice device;
+  device.vendorId = 0x10de;
+  device.name = "NVIDIA GeForce GTX 1080";
+  device.version = "OpenCL 3.0 CUDA";
+  device.driverVersion = "535.183.01";
+  device.openClCVersion = "OpenCL C 1.2";
+  return device;
+}
+
+std::string ListFile(const std::string& root, const std::string& deviceName) {
+  return "<" + root + "><Item><VID>4318</VID><DeviceName>" + deviceName +
+         "</DeviceName><OpenCLCVersion>OpenCL C 1.2</OpenCLCVersion><DeviceVersion>OpenCL 3.0 CUDA</DeviceVersion>"
+         "<DriverVersion>535</DriverVersion></Item></" + root + ">\n";
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+// True when the landmarks stand in the output in this order, each a whole line.
+::testing::AssertionResult LinesInOrder(const std::string& out, const std::vector<std::string>& landmarks) {
+  const std::vector<std::string> lines = Lines(out);
+  auto at = lines.begin();
+  for (const std::string& landmark : landmarks) {
+    at = std::find(at, lines.end(), landmark);
+    if (at == lines.end()) {
+      return ::testing::AssertionFailure() << "missing or out of order: \"" << landmark << "\" in:\n" << out;
+    }
+    ++at;
+  }
+  return ::testing::AssertionSuccess();
+}
+
+nlohmann::ordered_json ReadJson(const std::string& path) {
+  std::ifstream file(path);
+  return nlohmann::ordered_json::parse(file);  // throws, failing the test, on a torn file
+}
+
+// The machine of the typical run: an Intel adapter without a driver and an
+// NVIDIA adapter with a module driver, one NVIDIA device, a black list that
+// does not name it and a white list that admits it.
+class ResultStoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    GPUVET_REQUIRE_NAMESPACE();
+    machine_.AddPciDevice(kIntelAdapter);
+    machine_.AddPciDevice(kNvidiaAdapter);
+    machine_.BindModuleDriver(kNvidiaAdapter.address, "nvidia", "535.183.01");
+    machine_.SetKernelBuildDate("2024-02-01");
+    IcdConfig config;
+    config.platforms.emplace_back().devices = {NvidiaDevice()};
+    UseTestIcd(machine_, config);
+    blackList_ = machine_.WriteFile("lists/black.xml", ListFile("BlackList", "Other GPU"));
+    whiteList_ = machine_.WriteFile("lists/white.xml", ListFile("WhiteList", "NVIDIA GeForce GTX 1080"));
+    resultDir_ = machine_.MakeDir("results");
+    resultFile_ = resultDir_ + "/gpuvet.json";
+  }
+
+  RunResult Run(const std::string& gpu, std::vector<std::string> more = {}) {
+    ClearIcdCallLog(machine_);
+    std::vector<std::string> args = {"--gpu", gpu, "--blacklist", blackList_, "--whitelist", whiteList_,
+                                     "--result", resultDir_};
+    args.insert(args.end(), more.begin(), more.end());
+    return machine_.RunGpuvet(args);
+  }
+
+  FixtureMachine machine_;
+  std::string blackList_, whiteList_, resultDir_, resultFile_;
+};
+
+TEST_F(ResultStoreTest, FirstRunStoresTheVerdictAndTheSecondAnswersFromIt) {
+  const RunResult first = Run("1");
+  EXPECT_EQ(first.status, kStatusOk);
+  EXPECT_TRUE(LinesInOrder(first.out, {"", "Adapter: 1", "",
+                                       "src/service/gpuvet/result_serialize 159 parse failed: " + resultFile_ + " [-1]",
+                                       "", "gpuvet begin", "num_platforms: 1", "check before in black list start",
+                                       "check before in white list start", "gpuvet end(ok)", "file:" + resultFile_}));
+  EXPECT_THAT(first.out, EndsWith("file:" + resultFile_ + "\n"));
+  EXPECT_FALSE(ReadIcdCallLog(machine_).empty());
+
+  const nlohmann::ordered_json stored = ReadJson(resultFile_);
+  const nlohmann::ordered_json& adapters = stored.at("GpuVet").at("Adapters");
+  ASSERT_EQ(adapters.size(), 2u);
+  EXPECT_EQ(adapters[0].at("venID"), 0x8086);
+  EXPECT_EQ(adapters[0].at("checked"), 0);
+  EXPECT_EQ(adapters[0].at("clDrvVersion"), "");  // no device of its vendor or name
+  EXPECT_EQ(adapters[1].at("devID"), 0x1b80);
+  EXPECT_EQ(adapters[1].at("strDrvVer"), "535.183.01");
+  EXPECT_EQ(adapters[1].at("strDrvDate"), "20240201000000.000000-000");
+  EXPECT_EQ(adapters[1].at("clDevVersion"), "OpenCL 3.0 CUDA");
+  EXPECT_EQ(adapters[1].at("checkResult"), 0);
+  EXPECT_EQ(adapters[1].at("checked"), 1);
+
+  // The lists are gone: a run that opened them would fail the white list.
+  std::filesystem::remove(blackList_);
+  std::filesystem::remove(whiteList_);
+  const RunResult second = Run("1");
+  EXPECT_EQ(second.status, kStatusOk);
+  EXPECT_THAT(second.out, EndsWith("\n\nFind result in config. 0\n"));
+  EXPECT_THAT(second.out, Not(HasSubstr("gpuvet begin")));
+  EXPECT_EQ(second.err, "");
+  EXPECT_TRUE(ReadIcdCallLog(machine_).empty()) << "a stored verdict makes no OpenCL call";
+}
+
+TEST_F(ResultStoreTest, StoredFailingVerdictIsReusedUntilRecheck) {
+  machine_.WriteFile("lists/white.xml", ListFile("WhiteList", "Some Other GPU"));
+  EXPECT_EQ(Run("1").status, kStatusNotInWhiteList);
+  EXPECT_EQ(Run("1").out.substr(Run("1").out.rfind("Find")), "Find result in config. 11\n");
+
+  machine_.WriteFile("lists/white.xml", ListFile("WhiteList", "NVIDIA GeForce GTX 1080"));
+  const RunResult recheck = Run("1", {"--recheck", "1"});
+  EXPECT_EQ(recheck.status, kStatusOk);
+  EXPECT_THAT(recheck.out, HasSubstr("gpuvet end(ok)\n"));
+  EXPECT_FALSE(ReadIcdCallLog(machine_).empty());
+  EXPECT_THAT(Run("1").out, EndsWith("Find result in config. 0\n"));
+}
+
+TEST_F(ResultStoreTest, AdapterWithoutDriverVersionIsAlwaysTested) {
+  // The Intel adapter has no driver bound: its version is empty.
+  Run("0");
+  const RunResult second = Run("0");
+  EXPECT_THAT(second.out, Not(HasSubstr("Find result in config.")));
+  EXPECT_THAT(second.out, HasSubstr("gpuvet begin\n"));
+  EXPECT_FALSE(ReadIcdCallLog(machine_).empty());
+}
+
+TEST_F(ResultStoreTest, DriverChangeDropsEveryVerdict) {
+  Run("1");
+  machine_.BindModuleDriver(kNvidiaAdapter.address, "nvidia", "550.54.14");
+  const RunResult afterUpdate = Run("1");
+  EXPECT_THAT(afterUpdate.out, Not(HasSubstr("Find result in config.")));
+  EXPECT_THAT(afterUpdate.out, HasSubstr("gpuvet begin\n"));
+  EXPECT_EQ(ReadJson(resultFile_)["GpuVet"]["Adapters"][1]["strDrvVer"], "550.54.14");
+}
+
+TEST_F(ResultStoreTest, WithoutGpuIndexTheFileIsReadButNotWritten) {
+  machine_.WriteFile("results/gpuvet.json", R"({"Host": {"keep": true}})");
+  const RunResult result = machine_.RunGpuvet({"--result", resultDir_});
+  EXPECT_THAT(result.out, HasSubstr("\"keep\": true"));
+  EXPECT_THAT(result.out, Not(HasSubstr("\nfile:")));
+  EXPECT_EQ(ReadJson(resultFile_).dump(), R"({"Host":{"keep":true}})");
+}
+
+// A run cut off at any moment, also while it writes, leaves either the old file
+// or the new one, never a torn one, and the members the tool does not own.
+TEST_F(ResultStoreTest, RunKilledAtAnyMomentLeavesAFileThatParses) {
+  constexpr std::size_t kHostSettings = 50000;  // a file large enough that writing it takes a while
+  nlohmann::ordered_json host;
+  host["HostSettings"] = nlohmann::ordered_json::array();
+  for (std::size_t i = 0; i < kHostSettings; ++i) {
+    host["HostSettings"].push_back("setting number " + std::to_string(i));
+  }
+  machine_.WriteFile("results/gpuvet.json", host.dump());
+  const std::vector<std::string> args = {"--gpu", "1", "--recheck", "1", "--result", resultDir_};
+  const RunResult whole = machine_.RunGpuvet(args);
+  ASSERT_EQ(whole.status, kStatusOk);
+  // The work of the run, the save included, is done long before the watchdog's
+  // one-second tick lets it end: the kills land in that stretch.
+  const std::size_t workEnds = whole.out.find("\nfile:");
+  ASSERT_NE(workEnds, std::string::npos);
+  for (int killAt = 2; killAt < 400; killAt += 20) {
+    machine_.RunGpuvetKilledAfter(args, killAt);
+    const nlohmann::ordered_json after = ReadJson(resultFile_);
+    ASSERT_EQ(after.at("HostSettings").size(), kHostSettings) << "killed after " << killAt << " ms";
+  }
+  for (const auto& entry : std::filesystem::directory_iterator(resultDir_)) {
+    EXPECT_EQ(entry.path().filename(), "gpuvet.json") << "a killed run left " << entry.path();
+  }
+}
+
+}  // namespace
+}  // namespace gpuvet::e2e
