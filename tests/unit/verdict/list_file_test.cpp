@@ -109,6 +109,9 @@ TEST_F(ReadListFileTest, TellsLoadFailureFromAWrongRoot) {
     EXPECT_EQ(err, c.outcome == ListFileOutcome::kLoadFailed ? "fail to parse xml file: " + path + "\n" : "")
         << c.what;
   }
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(ReadListFile(MissingPath().c_str(), kBlackListRoot).outcome, ListFileOutcome::kLoadFailed);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "fail to parse xml file: " + MissingPath() + "\n");
 }
 
 }  // namespace
