@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -23,15 +24,14 @@ const gpuvet::AdapterList kAdapters = {
     AdapterEntry{0x8086, 0x3E92, "Intel(R) UHD Graphics 630", "", "2012"},
 };
 
+// A directory of its own for the process, in memory where possible, gone at exit.
 std::string ScratchDir() {
-  std::string pattern = "/dev/shm/gpuvet_fuzz_XXXXXX";
-  if (access("/dev/shm", W_OK) != 0) {
-    pattern = "/tmp/gpuvet_fuzz_XXXXXX";
-  }
-  if (mkdtemp(pattern.data()) == nullptr) {
+  static std::string dir = access("/dev/shm", W_OK) == 0 ? "/dev/shm/gpuvet_fuzz_XXXXXX" : "/tmp/gpuvet_fuzz_XXXXXX";
+  if (mkdtemp(dir.data()) == nullptr) {
     std::abort();
   }
-  return pattern;
+  std::atexit([] { std::filesystem::remove_all(dir); });
+  return dir;
 }
 
 bool SameRecord(const AdapterResult& a, const AdapterResult& b) {
