@@ -37,5 +37,20 @@ test-tsan:
 	cmake --build $(BUILD)/tsan -j$(JOBS)
 	cd $(BUILD)/tsan && ctest --output-on-failure -j$(JOBS) -L 'watchdog|e2e'
 
+# Every libFuzzer target for FUZZ_SECONDS each (clang, ASan and UBSan).
+FUZZ_SECONDS ?= 60
+fuzz: deps
+	cmake -S . -B $(BUILD)/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
+		-DCMAKE_CXX_COMPILER=clang++ -DGPUVET_FUZZ=ON -DGPUVET_TESTS=OFF
+	cmake --build $(BUILD)/fuzz -j$(JOBS)
+	bash scripts/run-fuzzers.sh $(BUILD)/fuzz $(FUZZ_SECONDS)
+
+# The Google Benchmark suite and the whole-run figures, in one report:
+# $(BUILD)/bench/report.md.
+bench: deps
+	cmake -S . -B $(BUILD)/bench -DCMAKE_BUILD_TYPE=Release -DGPUVET_BENCH=ON
+	cmake --build $(BUILD)/bench -j$(JOBS) --target gpuvet_bench_lists gpuvet_bench_whole_run
+	bash scripts/bench-report.sh $(BUILD)/bench
+
 clean:
 	rm -rf $(BUILD)

@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Runs the benchmarks of a Release build and writes them to one report.
+# Usage: bench-report.sh BUILD_DIR
+set -euo pipefail
+build=$1
+report=$build/report.md
+
+{
+  echo "# gpuvet benchmarks"
+  echo
+  echo "$(date -u +%Y-%m-%d) on $(nproc) cores; $(uname -r)."
+  echo
+  echo "## List files: each list test against the XML parse of the same file alone"
+  echo
+  echo '```'
+  "$build/bench/gpuvet_bench_lists" --benchmark_min_time=0.2 2>&1
+  echo '```'
+  echo
+  echo "## Whole runs"
+  echo
+  "$build/bench/gpuvet_bench_whole_run"
+} > "$report"
+cat "$report"
+echo "report: $report"
