@@ -1,5 +1,6 @@
 #include "result_serialize.h"
 
+#include <algorithm>
 #include <optional>
 
 #include "opencl/cl_device_key.h"
@@ -130,7 +131,7 @@ std::string ResultSerialize::BuildPath(const std::string& dir) {
 // The records are kept only when they match the live adapters position by
 // position: a changed field, another order or another count drops every
 // stored verdict at once.
-int32_t ResultSerialize::Load(std::string dir, const AdapterList& adapters) {
+int32_t ResultSerialize::Load(const std::string& dir, const AdapterList& adapters) {
   path = BuildPath(dir);
   results.clear();
   ReadConfig(path, results);
@@ -156,36 +157,40 @@ void ResultSerialize::Rebuild(const AdapterList& adapters) {
   }
 }
 
+// The first record of the adapter: of two equal adapters, both find the first.
+std::vector<AdapterResult>::const_iterator ResultSerialize::RecordOf(const AdapterEntry& adapter) const {
+  return std::find_if(results.begin(), results.end(),
+                      [&adapter](const AdapterResult& record) { return AdapterEntryEqual(record.adapter, adapter); });
+}
+
 bool ResultSerialize::Find(const AdapterEntry& adapter, AdapterResult& found) const {
-  for (const AdapterResult& record : results) {
-    if (AdapterEntryEqual(record.adapter, adapter)) {
-      found = record;
-      return true;
-    }
+  const auto record = RecordOf(adapter);
+  if (record == results.end()) {
+    return false;
   }
-  return false;
+  found = *record;
+  return true;
 }
 
 // An unchecked record leaves a stored verdict alone.
 int32_t ResultSerialize::Update(const AdapterResult& record) {
-  for (AdapterResult& stored : results) {
-    if (!AdapterEntryEqual(stored.adapter, record.adapter)) {
-      continue;
-    }
-    stored.adapter = record.adapter;
-    stored.clCVersion = record.clCVersion;
-    stored.clDevVersion = record.clDevVersion;
-    stored.clDrvVersion = record.clDrvVersion;
-    if (record.checked != 0) {
-      stored.checked = record.checked;
-      stored.checkResult = record.checkResult;
-    }
-    return kOk;
+  const auto found = RecordOf(record.adapter);
+  if (found == results.end()) {
+    return kFailed;
   }
-  return kFailed;
+  AdapterResult& stored = results[static_cast<std::size_t>(found - results.begin())];
+  stored.adapter = record.adapter;
+  stored.clCVersion = record.clCVersion;
+  stored.clDevVersion = record.clDevVersion;
+  stored.clDrvVersion = record.clDrvVersion;
+  if (record.checked != 0) {
+    stored.checked = record.checked;
+    stored.checkResult = record.checkResult;
+  }
+  return kOk;
 }
 
-int32_t ResultSerialize::ReadConfig(std::string path, std::vector<AdapterResult>& records) {
+int32_t ResultSerialize::ReadConfig(const std::string& path, std::vector<AdapterResult>& records) {
   try {
     return ParseResults(path, records);
   } catch (const zavkit::JsonException& error) {

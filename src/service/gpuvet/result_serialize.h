@@ -26,7 +26,7 @@ class ResultSerialize {
   static std::string BuildPath(const std::string& dir);
   // Reads the file and keeps its records only when they match the live
   // adapters one by one, in order; otherwise every record starts afresh. Always 0.
-  int32_t Load(std::string dir, const AdapterList& adapters);
+  int32_t Load(const std::string& dir, const AdapterList& adapters);
   // One fresh, unchecked record per live adapter.
   void Rebuild(const AdapterList& adapters);
   // Copies the first record of the adapter into `found`; false when there is none.
@@ -37,7 +37,7 @@ class ResultSerialize {
 
   // The reader: the records of the file at `path` into `records`. 0, or -1 on
   // any failure, after which `records` holds what was complete by then.
-  int32_t ReadConfig(std::string path, std::vector<AdapterResult>& records);
+  int32_t ReadConfig(const std::string& path, std::vector<AdapterResult>& records);
   static int32_t ParseResults(const std::string& path, std::vector<AdapterResult>& records);
   // The writer: `results` into the file at `path`, other root members kept.
   // 0, -3 when the section could not be made, -1 after a JSON error.
@@ -48,6 +48,9 @@ class ResultSerialize {
 
   std::string path;
   std::vector<AdapterResult> results;
+
+ private:
+  std::vector<AdapterResult>::const_iterator RecordOf(const AdapterEntry& adapter) const;
 };
 
 bool AdapterEntryEqual(const AdapterEntry& a, const AdapterEntry& b);

@@ -25,12 +25,9 @@ bool ClDeviceKeyLess(const ClDeviceKey& a, const ClDeviceKey& b) {
   }
   const std::string ClDeviceKey::*const stringFields[] = {&ClDeviceKey::DeviceName, &ClDeviceKey::OpenCLCVersion,
                                                           &ClDeviceKey::DeviceVersion, &ClDeviceKey::DriverVersion};
-  for (const auto field : stringFields) {
-    if (a.*field != b.*field) {
-      return StringLess(a.*field, b.*field);
-    }
-  }
-  return false;
+  const auto differing = std::find_if(std::begin(stringFields), std::end(stringFields),
+                                     [&a, &b](const auto field) { return a.*field != b.*field; });
+  return differing != std::end(stringFields) && StringLess(a.**differing, b.**differing);
 }
 
 void SortUnique(std::vector<ClDeviceKey>& keys) {
