@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 
 #include "opencl/cl_device_key.h"
@@ -28,12 +29,9 @@ class InputFile {
   InputFile& operator=(const InputFile&) = delete;
 
   bool Write(const uint8_t* data, size_t size) const {
-    FILE* file = std::fopen(path_.c_str(), "wb");
-    if (file == nullptr) {
-      return false;
-    }
-    const bool written = std::fwrite(data, 1, size, file) == size;
-    return std::fclose(file) == 0 && written;
+    std::ofstream file(path_, std::ios::binary | std::ios::trunc);
+    file.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+    return static_cast<bool>(file.flush());
   }
   const char* Path() const { return path_.c_str(); }
 
