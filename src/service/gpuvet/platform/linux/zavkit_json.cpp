@@ -294,7 +294,8 @@ detail::JXIterator<JsonElem> JsonArray::end() const {
 
 // ---- JsonDoc ----
 
-struct JsonDoc::Tree {
+// The library's destructor is not declared noexcept, though freeing a tree never throws.
+struct JsonDoc::Tree {  // NOLINT(bugprone-exception-escape)
   Json root;
 };
 
