@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "fixture_machine.h"
@@ -34,7 +35,7 @@ Figures Measure(const FixtureMachine& machine, const std::vector<std::string>& a
                     result.status});
   }
   auto median = [&runs](auto field) {
-    std::vector<decltype(runs[0].*field)> values;
+    std::vector<std::remove_reference_t<decltype(runs[0].*field)>> values;
     for (const Figures& run : runs) {
       values.push_back(run.*field);
     }
