@@ -1,6 +1,7 @@
 // The order of device keys: bytes, field by field, the vendor id as an unsigned number.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "opencl/cl_device_key.h"
@@ -13,49 +14,37 @@ ClDeviceKey Key(uint32_t vid, const std::string& name, const std::string& cVersi
   return ClDeviceKey{vid, name, cVersion, deviceVersion, driver};
 }
 
-struct OrderCase {
-  const char* what;
-  ClDeviceKey smaller;
-  ClDeviceKey larger;
-};
-
 TEST(ClDeviceKeyLess, OrdersByBytesFieldByField) {
-  const std::vector<OrderCase> cases = {
+  const struct {
+    const char* what;
+    ClDeviceKey smaller;
+    ClDeviceKey larger;
+  } cases[] = {
       {"vendor id first, whatever the names", Key(0x1002, "Zeta"), Key(0x10de, "Alpha")},
       {"top bit of the vendor id is a large number", Key(0x7fffffff, "A"), Key(0x80000000u, "A")},
       {"upper case before lower case", Key(1, "Radeon"), Key(1, "radeon")},
       {"a prefix before its extensions", Key(1, "GTX"), Key(1, "GTX 1080")},
-      {"the empty name before every other", Key(1, ""), Key(1, " ")},
       {"version texts are not numbers", Key(1, "A", "OpenCL C 1.10"), Key(1, "A", "OpenCL C 1.2")},
-      {"device version after the C version", Key(1, "A", "C", "OpenCL 1.2"), Key(1, "A", "C", "OpenCL 2.0")},
       {"driver version decides last", Key(1, "A", "C", "V", "391.35"), Key(1, "A", "C", "V", "391.4")},
       {"bytes compare unsigned", Key(1, "A\x7f"), Key(1, "A\x80")},
-      {"an earlier field outweighs later ones", Key(1, "A", "Z", "Z", "Z"), Key(1, "B", "A", "A", "A")},
+      {"an earlier field outweighs later ones", Key(1, "A", "C", "Z", "Z"), Key(1, "A", "D", "A", "A")},
   };
-  for (const OrderCase& c : cases) {
+  for (const auto& c : cases) {
     EXPECT_TRUE(ClDeviceKeyLess(c.smaller, c.larger)) << c.what;
     EXPECT_FALSE(ClDeviceKeyLess(c.larger, c.smaller)) << c.what;
     EXPECT_FALSE(ClDeviceKeyEqual(c.smaller, c.larger)) << c.what;
   }
-}
-
-TEST(ClDeviceKeyLess, EqualKeysAreNeitherLess) {
-  const ClDeviceKey key = Key(0x10de, "GeForce", "C", "V", "D");
+  const ClDeviceKey key = Key(0x10de, "GeForce");
   EXPECT_FALSE(ClDeviceKeyLess(key, key));
   EXPECT_TRUE(ClDeviceKeyEqual(key, ClDeviceKey(key)));
 }
 
 TEST(SortUnique, FoldsEqualDevicesAndSortsTheRest) {
-  std::vector<ClDeviceKey> keys = {Key(0x10de, "B"), Key(0x1002, "A"), Key(0x10de, "B"), Key(0x10de, "A"),
-                                   Key(0x10de, "B", "OpenCL C 1.2", "OpenCL 1.2", "0.9")};
+  const ClDeviceKey olderDriver = Key(0x10de, "B", "OpenCL C 1.2", "OpenCL 1.2", "0.9");
+  std::vector<ClDeviceKey> keys = {Key(0x10de, "B"), Key(0x1002, "A"), Key(0x10de, "B"), olderDriver};
   SortUnique(keys);
-  const std::vector<ClDeviceKey> expected = {Key(0x1002, "A"), Key(0x10de, "A"),
-                                             Key(0x10de, "B", "OpenCL C 1.2", "OpenCL 1.2", "0.9"),
-                                             Key(0x10de, "B")};
-  ASSERT_EQ(keys.size(), expected.size());
-  for (std::size_t i = 0; i < keys.size(); ++i) {
-    EXPECT_TRUE(ClDeviceKeyEqual(keys[i], expected[i])) << "row " << i;
-  }
+  const std::vector<ClDeviceKey> expected = {Key(0x1002, "A"), olderDriver, Key(0x10de, "B")};
+  EXPECT_TRUE(std::equal(keys.begin(), keys.end(), expected.begin(), expected.end(), ClDeviceKeyEqual));
 }
 
 }  // namespace

@@ -8,20 +8,14 @@ namespace gpuvet {
 namespace {
 
 TEST(TrimBlanks, ErasesOnlyBlanksAtBothEnds) {
-  const struct {
-    std::string in;
-    std::string out;
-  } cases[] = {
-      {"GeForce", "GeForce"},
+  const std::pair<std::string, std::string> cases[] = {
       {"  GeForce GTX  1080 ", "GeForce GTX  1080"},  // blanks inside stay
       {"   ", ""},
-      {"", ""},
-      {"\tRadeon\n", "\tRadeon\n"},  // a tab or a line end is no blank
-      {" \t x \t ", "\t x \t"},
+      {" \t x \n ", "\t x \n"},  // a tab or a line end is no blank
       {std::string(" a\0b ", 5), std::string("a\0b", 3)},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(TrimBlanks(c.in), c.out) << "'" << c.in << "'";
+  for (const auto& [in, out] : cases) {
+    EXPECT_EQ(TrimBlanks(in), out) << "'" << in << "'";
   }
 }
 
