@@ -8,10 +8,23 @@ namespace gpuvet {
 std::vector<ClDeviceKey> ClDeviceTable;
 ClDeviceKey SelectedClDevice;
 
-bool StringLess(const std::string& a, const std::string& b) {
+namespace {
+
+// Negative, 0 or positive as a sorts before, with or after b: the common length
+// byte by byte as unsigned bytes, then the shorter first.
+int ByteOrder(const std::string& a, const std::string& b) {
   const std::size_t common = std::min(a.size(), b.size());
   const int order = common == 0 ? 0 : std::memcmp(a.data(), b.data(), common);
-  return order != 0 ? order < 0 : a.size() < b.size();
+  if (order != 0) {
+    return order;
+  }
+  return a.size() == b.size() ? 0 : (a.size() < b.size() ? -1 : 1);
+}
+
+}  // namespace
+
+bool StringLess(const std::string& a, const std::string& b) {
+  return ByteOrder(a, b) < 0;
 }
 
 bool ClDeviceKeyEqual(const ClDeviceKey& a, const ClDeviceKey& b) {
@@ -19,15 +32,22 @@ bool ClDeviceKeyEqual(const ClDeviceKey& a, const ClDeviceKey& b) {
          a.DeviceVersion == b.DeviceVersion && a.DriverVersion == b.DriverVersion;
 }
 
+// The first field that differs decides; each string is compared once.
 bool ClDeviceKeyLess(const ClDeviceKey& a, const ClDeviceKey& b) {
   if (a.VID != b.VID) {
     return a.VID < b.VID;
   }
-  const std::string ClDeviceKey::*const stringFields[] = {&ClDeviceKey::DeviceName, &ClDeviceKey::OpenCLCVersion,
-                                                          &ClDeviceKey::DeviceVersion, &ClDeviceKey::DriverVersion};
-  const auto differing = std::find_if(std::begin(stringFields), std::end(stringFields),
-                                     [&a, &b](const auto field) { return a.*field != b.*field; });
-  return differing != std::end(stringFields) && StringLess(a.**differing, b.**differing);
+  int order = ByteOrder(a.DeviceName, b.DeviceName);
+  if (order == 0) {
+    order = ByteOrder(a.OpenCLCVersion, b.OpenCLCVersion);
+  }
+  if (order == 0) {
+    order = ByteOrder(a.DeviceVersion, b.DeviceVersion);
+  }
+  if (order == 0) {
+    order = ByteOrder(a.DriverVersion, b.DriverVersion);
+  }
+  return order < 0;
 }
 
 void SortUnique(std::vector<ClDeviceKey>& keys) {
