@@ -1,10 +1,12 @@
+#include "exit_watchdog.h"
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
-#include "exit_watchdog.h"
 #include "verdict/exit_codes.h"
 
 namespace gpuvet {
@@ -25,48 +27,20 @@ void SendOutputToErrorStream() {
   dup2(STDERR_FILENO, STDOUT_FILENO);
 }
 
-// Runs a watchdog to its own end; it ends the process if it fires.
-void RunWatchdogUntilItEnds(int32_t exitCode, int32_t tickCount) {
-  SendOutputToErrorStream();
-  ExitWatchdog watchdog(exitCode, tickCount);
-  watchdog.Start();
-  watchdog.thread->join();
-  std::exit(EXIT_SUCCESS);
-}
-
-struct FireCase {
-  int32_t exitCode;
-  int32_t tickCount;
-};
-
-class ExitWatchdogFireTest : public ExitWatchdogTest, public ::testing::WithParamInterface<FireCase> {};
-
-TEST_P(ExitWatchdogFireTest, CountUsedUpPrintsTheLineAndExitsWithTheCode) {
-  const FireCase& param = GetParam();
-  EXPECT_EXIT(RunWatchdogUntilItEnds(param.exitCode, param.tickCount), ::testing::ExitedWithCode(param.exitCode),
-              kTimeoutLine);
-}
-
-INSTANTIATE_TEST_SUITE_P(Counts, ExitWatchdogFireTest,
-                         ::testing::Values(FireCase{GPUVET_NOT_IN_WHITELIST, 0}, FireCase{GPUVET_NOT_IN_WHITELIST, -5},
-                                           FireCase{42, 1}));
-
-TEST_F(ExitWatchdogTest, StopAfterAQuickStartEndsQuietly) {
-  ExitWatchdog watchdog(GPUVET_NOT_IN_WHITELIST, kWatchdogTickCount);
-  testing::internal::CaptureStdout();
-  watchdog.Start();
-  ASSERT_TRUE(watchdog.thread);
-  watchdog.Stop();
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-  EXPECT_TRUE(watchdog.done.load());
-  EXPECT_FALSE(watchdog.thread);
-}
-
-TEST_F(ExitWatchdogTest, StopWithoutStartFindsNoThread) {
-  ExitWatchdog watchdog(GPUVET_NOT_IN_WHITELIST, kWatchdogTickCount);
-  watchdog.Stop();
-  EXPECT_TRUE(watchdog.done.load());
-  EXPECT_FALSE(watchdog.thread);
+// The count used up prints the line and ends the process with the watchdog's
+// code; a count of 0 fires at once.
+TEST_F(ExitWatchdogTest, FiresWithItsCodeOnceTheCountIsUsedUp) {
+  const std::pair<int32_t, int32_t> cases[] = {{GPUVET_NOT_IN_WHITELIST, 0}, {42, 1}};
+  for (const auto& [code, ticks] : cases) {
+    const auto runToTheEnd = [code = code, ticks = ticks] {
+      SendOutputToErrorStream();
+      ExitWatchdog watchdog(code, ticks);
+      watchdog.Start();
+      watchdog.thread->join();
+      std::exit(EXIT_SUCCESS);
+    };
+    EXPECT_EXIT(runToTheEnd(), ::testing::ExitedWithCode(code), kTimeoutLine);
+  }
 }
 
 TEST_F(ExitWatchdogTest, DoneSetBeforeTheFirstReadEndsWithoutFiring) {
@@ -78,6 +52,18 @@ TEST_F(ExitWatchdogTest, DoneSetBeforeTheFirstReadEndsWithoutFiring) {
     std::exit(EXIT_SUCCESS);
   };
   EXPECT_EXIT(runWithDoneSet(), ::testing::ExitedWithCode(EXIT_SUCCESS), kNothing);
+}
+
+TEST_F(ExitWatchdogTest, StopAfterAQuickStartEndsQuietly) {
+  ExitWatchdog watchdog(GPUVET_NOT_IN_WHITELIST, kWatchdogTickCount);
+  watchdog.Stop();  // before any start: no thread to join
+  testing::internal::CaptureStdout();
+  watchdog.Start();
+  ASSERT_TRUE(watchdog.thread);
+  watchdog.Stop();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_TRUE(watchdog.done.load());
+  EXPECT_FALSE(watchdog.thread);
 }
 
 TEST_F(ExitWatchdogTest, SecondStartAddsNoThreadAndKeepsDone) {

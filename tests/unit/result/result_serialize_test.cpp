@@ -1,0 +1,301 @@
+// The result file's reader and writer, and the store of records built on them.
+#include "result_serialize.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "opencl/cl_device_key.h"
+#include "platform/zavkit_json.h"
+
+namespace gpuvet {
+namespace {
+
+namespace fs = std::filesystem;
+
+const AdapterEntry kNvidia{0x10DE, 0x2206, "NVIDIA GeForce RTX 3080", "31.0.15.3623", "20230607000000.000000-000"};
+const AdapterEntry kIntel{0x8086, 0x3E92, "Intel(R) UHD Graphics 630", "27.20.100.8681", "20230607000000.000000-000"};
+const AdapterEntry kAmd{0x1002, 0x73BF, "AMD Radeon RX 6800", "31.0.21001.45002", "20230607000000.000000-000"};
+const AdapterResult kFreshNvidia{0, 0, kNvidia, "", "", ""};
+
+AdapterResult Checked(const AdapterEntry& adapter, int32_t checkResult) {
+  return AdapterResult{1, checkResult, adapter, "", "", ""};
+}
+
+bool SameRecord(const AdapterResult& a, const AdapterResult& b) {
+  return a.checked == b.checked && a.checkResult == b.checkResult && AdapterEntryEqual(a.adapter, b.adapter) &&
+         a.clCVersion == b.clCVersion && a.clDevVersion == b.clDevVersion && a.clDrvVersion == b.clDrvVersion;
+}
+
+// The member names of an object, in order.
+std::vector<std::string> NamesOf(const zavkit::JsonObject& object) {
+  std::vector<std::string> names;
+  for (const zavkit::JsonMember member : object) {
+    names.emplace_back(member.Name());
+  }
+  return names;
+}
+
+// A fresh directory per test, with the store's path pointing into it.
+class ResultStoreTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = testing::TempDir() + "gpuvet_result_XXXXXX";
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    dir = pattern;
+    store.path = ResultSerialize::BuildPath(dir);
+  }
+  void TearDown() override {
+    fs::remove_all(dir);
+    ClDeviceTable.clear();
+  }
+
+  void WriteFile(const std::string& text) const { std::ofstream(store.path, std::ios::binary) << text; }
+  std::string ReadFile() const {
+    std::ostringstream text;
+    text << std::ifstream(store.path, std::ios::binary).rdbuf();
+    return text.str();
+  }
+  // The reader into `records` and the writer: each returns what it printed and leaves its result in `status`.
+  std::string Read(std::vector<AdapterResult>& records) {
+    testing::internal::CaptureStdout();
+    status = store.ReadConfig(store.path, records);
+    return testing::internal::GetCapturedStdout();
+  }
+  std::string Write() {
+    testing::internal::CaptureStdout();
+    status = store.AddResult();
+    return testing::internal::GetCapturedStdout();
+  }
+  zavkit::JsonObject RootOfTheFile() {
+    EXPECT_EQ(doc.ParseFile(store.path), 0);
+    return doc.Root().AsObject();
+  }
+  std::string ParseFailedLine() const {
+    return "src/service/gpuvet/result_serialize 159 parse failed: " + store.path + " [-1]\n";
+  }
+
+  std::string dir;
+  ResultSerialize store;
+  int32_t status = 0;
+  zavkit::JsonDoc doc;
+};
+
+// Every such file reads as -1 and no records, told apart by what is printed;
+// a write then keeps only the root members that it can.
+TEST_F(ResultStoreTest, UnusableFilesGiveTheirLineAndAreRewritten) {
+  constexpr std::size_t kDepth = 100000;  // beyond the parser's nesting limit
+  const std::string deep = "{\"a\": " + std::string(kDepth, '[') + std::string(kDepth, ']') + "}";
+  const std::string noRoot = "src/service/gpuvet/result_serialize 167 nullptr == root\n";
+  const struct {
+    std::optional<std::string> file;  // nullopt: no file
+    std::string printed;              // the root is printed without indentation before the section is looked at
+    std::vector<std::string> rootAfterWrite;
+  } cases[] = {
+      {std::nullopt, ParseFailedLine(), {"GpuVet"}},
+      {"{\"GpuVet\": ", ParseFailedLine(), {"GpuVet"}},
+      {"{} trailing", ParseFailedLine(), {"GpuVet"}},
+      {deep, ParseFailedLine(), {"GpuVet"}},
+      {"[{\"GpuVet\": {}}]", noRoot, {"GpuVet"}},
+      {"{\"other\": 1}", "{\n\"other\": 1\n}\n", {"other", "GpuVet"}},
+      {"{\"GpuVet\": []}", "{\n\"GpuVet\": []\n}\n", {"GpuVet"}},
+      {"{\"GpuVet\": {\"adapters\": []}}", "{\n\"GpuVet\": {\n\"adapters\": []\n}\n}\n", {"GpuVet"}},
+      {"{\"GpuVet\": {\"Adapters\": {}}}", "{\n\"GpuVet\": {\n\"Adapters\": {}\n}\n}\n", {"GpuVet"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.file.value_or("no file").substr(0, 40));
+    fs::remove(store.path);
+    if (c.file) {
+      WriteFile(*c.file);
+    }
+    std::vector<AdapterResult> records(1);
+    EXPECT_EQ(Read(records), c.printed);
+    EXPECT_EQ(status, -1);
+    EXPECT_TRUE(records.empty());
+    Write();
+    EXPECT_EQ(NamesOf(RootOfTheFile()), c.rootAfterWrite);
+  }
+}
+
+TEST_F(ResultStoreTest, ReaderTakesObjectsOnlyAndKnownKeysOfTheRightType) {
+  WriteFile(R"({"GpuVet": {"Adapters": [
+      1, "text", null, [],
+      {"devID": 4318, "venID": "4318", "DevName": "wrong case", "devName": "GeForce",
+       "strDrvVer": 31, "strDrvDate": null, "clCVersion": "OpenCL C 1.2", "clDevVersion": {},
+       "checkResult": -11, "checked": 1.0, "extra": true},
+      {"checked": 1, "checked": 2, "checkResult": 4294967295}
+  ]}})");
+  std::vector<AdapterResult> records;
+  Read(records);
+  EXPECT_EQ(status, 0);
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_TRUE(SameRecord(records[0], AdapterResult{0, -11, {0, 4318, "GeForce", "", ""}, "OpenCL C 1.2", "", ""}));
+  EXPECT_EQ(records[1].checked, 2);  // the later of two equal keys stands
+  EXPECT_EQ(records[1].checkResult, -1);
+}
+
+// The file is printed with its path; each record is written with the ten keys in order.
+TEST_F(ResultStoreTest, RecordsSurviveAWriteAndARead) {
+  const AdapterResult record{1, -11, {0x80000001u, 0xFFFFFFFFu, "Radeon \xC3\xA9", "31.0.1", "20230607"},
+                             "OpenCL C 2.0", "OpenCL 2.0 AMD-APP", "3444.0"};
+  AdapterResult notUtf8;
+  notUtf8.adapter.devName = "bad \xFF\xFE name";
+  store.results = {record, AdapterResult{}, notUtf8};
+  const std::string printed = Write();
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(printed, ReadFile() + "file:" + store.path + "\n");
+  EXPECT_NE(ReadFile().find("\"devID\": 4294967295"), std::string::npos);
+  EXPECT_NE(ReadFile().find("\"venID\": 2147483649"), std::string::npos);
+  const zavkit::JsonElem first = *RootOfTheFile().Find("GpuVet")->AsObject().Find("Adapters")->AsArray().begin();
+  EXPECT_EQ(NamesOf(first.AsObject()),
+            (std::vector<std::string>{"devID", "venID", "devName", "strDrvVer", "strDrvDate", "clCVersion",
+                                      "clDevVersion", "clDrvVersion", "checkResult", "checked"}));
+
+  std::vector<AdapterResult> records;
+  Read(records);
+  EXPECT_EQ(status, 0);
+  ASSERT_EQ(records.size(), 3u);
+  EXPECT_TRUE(SameRecord(records[0], record));
+  EXPECT_TRUE(SameRecord(records[1], AdapterResult{}));
+  EXPECT_EQ(records[2].adapter.devName.rfind("bad ", 0), 0u);
+}
+
+// The section is replaced whole and moves to the end; other members keep their
+// place and content.
+TEST_F(ResultStoreTest, OtherRootMembersSurviveAWrite) {
+  WriteFile(R"({"first": {"deep": [1, "two", {"x": null}]}, "GpuVet": {"Adapters": [], "keep": 1}, "last": -3})");
+  Write();
+  zavkit::JsonObject root = RootOfTheFile();
+  EXPECT_EQ(NamesOf(root), (std::vector<std::string>{"first", "last", "GpuVet"}));
+  std::string first;
+  root.Find("first")->PrettyDump(first, -1);
+  EXPECT_EQ(first, R"({"deep":[1,"two",{"x":null}]})");
+  EXPECT_EQ(root.Find("last")->AsInt(), -3);
+  EXPECT_EQ(NamesOf(root.Find("GpuVet")->AsObject()), std::vector<std::string>{"Adapters"});
+
+  std::vector<AdapterResult> records(2);
+  Read(records);
+  EXPECT_EQ(status, 0);  // an empty list reads as no records
+  EXPECT_TRUE(records.empty());
+}
+
+TEST_F(ResultStoreTest, ReplaceKeepsPermissionBitsAndLeavesNoTemporaryFile) {
+  WriteFile("{}");
+  ASSERT_EQ(chmod(store.path.c_str(), 0640), 0);
+  Write();
+  struct stat info {};
+  ASSERT_EQ(stat(store.path.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 07777, 0640u);
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir), fs::directory_iterator()), 1);
+}
+
+// A failed write is not reported: the dump and the path are printed all the same.
+TEST_F(ResultStoreTest, WriteIntoAMissingDirectoryGoesUnnoticed) {
+  store.path = ResultSerialize::BuildPath(dir + "/missing");
+  EXPECT_EQ(Write(), "{\n    \"GpuVet\": {\n        \"Adapters\": []\n    }\n}\nfile:" + store.path + "\n");
+  EXPECT_EQ(status, 0);
+  EXPECT_FALSE(fs::exists(dir + "/missing"));
+}
+
+TEST(ResultPathTest, DirectoryUpToItsFirstZeroByteAndTheFileName) {
+  EXPECT_EQ(ResultSerialize::BuildPath("/var/gv"), "/var/gv/gpuvet.json");
+  EXPECT_EQ(ResultSerialize::BuildPath("/var/gv/"), "/var/gv//gpuvet.json");
+  EXPECT_EQ(ResultSerialize::BuildPath(std::string("/var\0gv", 7)), "/var/gpuvet.json");
+}
+
+// The stored verdicts stand only when every record matches the live adapter at
+// its position, every field and its case counting.
+TEST_F(ResultStoreTest, LoadKeepsVerdictsOnlyForTheSameListInTheSameOrder) {
+  AdapterEntry newDriver = kIntel;
+  newDriver.strDrvVer = "27.20.100.9999";
+  AdapterEntry lowerCase = kIntel;
+  lowerCase.devName = "intel(r) uhd graphics 630";
+  const struct {
+    const char* what;
+    AdapterList live;
+    bool kept;
+  } cases[] = {
+      {"same", {kNvidia, kIntel}, true},
+      {"driver version changed", {kNvidia, newDriver}, false},
+      {"name case changed", {kNvidia, lowerCase}, false},
+      {"order changed", {kIntel, kNvidia}, false},
+      {"one adapter fewer", {kNvidia}, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    store.results = {Checked(kNvidia, 11), Checked(kIntel, -11)};
+    store.results[0].clCVersion = "OpenCL C 1.2";
+    Write();
+    ResultSerialize loaded;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(loaded.Load(dir, c.live), 0);
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(loaded.path, store.path);
+    ASSERT_EQ(loaded.results.size(), c.live.size());
+    for (std::size_t i = 0; i < c.live.size(); ++i) {
+      EXPECT_TRUE(SameRecord(loaded.results[i], c.kept ? store.results[i] : AdapterResult{0, 0, c.live[i], "", "", ""}));
+    }
+  }
+  fs::remove(store.path);
+  testing::internal::CaptureStdout();
+  store.Load(dir, {kNvidia});
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), ParseFailedLine());
+  EXPECT_TRUE(SameRecord(store.results.at(0), kFreshNvidia));
+}
+
+// An unchecked record refreshes the strings and keeps the verdict; both lookups
+// stop at the first of two equal adapters.
+TEST(ResultUpdateTest, UpdateAndFindTakeTheFirstRecordOfTheAdapter) {
+  ResultSerialize store;
+  store.Rebuild({kNvidia, kIntel, kNvidia});
+  EXPECT_EQ(store.Update(Checked(kNvidia, 11)), 0);
+  EXPECT_EQ(store.Update(AdapterResult{0, 5, kNvidia, "C 1.2", "3.0", "535"}), 0);
+  EXPECT_EQ(store.Update(Checked(kIntel, 0)), 0);
+  EXPECT_TRUE(SameRecord(store.results[0], AdapterResult{1, 11, kNvidia, "C 1.2", "3.0", "535"}));
+  EXPECT_TRUE(SameRecord(store.results[1], Checked(kIntel, 0)));
+  EXPECT_TRUE(SameRecord(store.results[2], kFreshNvidia));
+  AdapterResult found;
+  EXPECT_TRUE(store.Find(kNvidia, found));
+  EXPECT_EQ(found.checkResult, 11);
+
+  EXPECT_EQ(store.Update(Checked(kAmd, 3)), -1);
+  found = Checked(kAmd, 7);
+  EXPECT_FALSE(store.Find(kAmd, found));
+  EXPECT_EQ(found.checkResult, 7);  // untouched
+}
+
+// Fresh OpenCL strings for every adapter with a device, the verdict for the
+// tested one only when it has a device; the file is written even with none.
+TEST_F(ResultStoreTest, SaveAdapterResultsStoresWhatTheDevicesGive) {
+  const ClDeviceKey device{0x10DE, "GeForce RTX 3080", "OpenCL C 1.2", "OpenCL 3.0 CUDA", "535.104"};
+  const struct {
+    const char* what;
+    std::vector<ClDeviceKey> table;
+    int32_t gpuIndex;
+    AdapterResult nvidia;  // after the save; Intel's record has no device
+  } cases[] = {
+      {"tested, with a device", {device}, 0, {1, 11, kNvidia, "OpenCL C 1.2", "OpenCL 3.0 CUDA", "535.104"}},
+      {"Intel tested, it has no device", {device}, 1, {0, 0, kNvidia, "OpenCL C 1.2", "OpenCL 3.0 CUDA", "535.104"}},
+      {"no devices", {}, 0, {0, 0, kNvidia, "", "", ""}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    ClDeviceTable = c.table;
+    store.results = {kFreshNvidia, Checked(kIntel, 12)};
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(SaveAdapterResults(store, {kNvidia, kIntel}, c.gpuIndex, 11), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), ReadFile() + "file:" + store.path + "\n");
+    EXPECT_TRUE(SameRecord(store.results[0], c.nvidia));
+    EXPECT_TRUE(SameRecord(store.results[1], Checked(kIntel, 12)));
+  }
+}
+
+}  // namespace
+}  // namespace gpuvet
