@@ -3,13 +3,13 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
-#include <cerrno>
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -40,87 +40,67 @@ std::string Hex(uint32_t value, int digits) {
   return text;
 }
 
-// Runs argv with the environment, reading both output streams until the
-// program ends or the deadline passes.
-RunResult Spawn(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
-                const std::string& workDir, std::chrono::milliseconds limit) {
-  int outPipe[2];
-  int errPipe[2];
-  if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) {
-    throw std::runtime_error("pipe failed");
+std::string ReadAll(std::FILE* file) {
+  std::string text;
+  std::rewind(file);
+  char buffer[4096];
+  for (std::size_t count = 0; (count = std::fread(buffer, 1, sizeof buffer, file)) > 0;) {
+    text.append(buffer, count);
   }
+  std::fclose(file);
+  return text;
+}
+
+// Runs argv with the environment, its output streams going to unnamed files,
+// until it ends or the time limit passes.
+RunResult Spawn(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
+                const std::string& workDir, int timeoutSeconds) {
   std::vector<std::string> envText;
   for (const auto& [name, value] : env) {
     envText.push_back(name + "=" + value);
   }
   std::vector<char*> args;
+  std::vector<char*> envp;
   for (const std::string& arg : argv) {
     args.push_back(const_cast<char*>(arg.c_str()));
   }
-  args.push_back(nullptr);
-  std::vector<char*> envp;
   for (std::string& entry : envText) {
     envp.push_back(entry.data());
   }
+  args.push_back(nullptr);
   envp.push_back(nullptr);
+  std::FILE* out = std::tmpfile();
+  std::FILE* err = std::tmpfile();
+  if (out == nullptr || err == nullptr || fcntl(fileno(out), F_SETFD, FD_CLOEXEC) != 0 ||
+      fcntl(fileno(err), F_SETFD, FD_CLOEXEC) != 0) {
+    throw std::runtime_error("cannot make the output files");
+  }
 
   const auto started = std::chrono::steady_clock::now();
   const pid_t pid = fork();
   if (pid == 0) {
-    dup2(outPipe[1], STDOUT_FILENO);
-    dup2(errPipe[1], STDERR_FILENO);
-    if (chdir(workDir.c_str()) != 0) {
-      _exit(127);
+    if (dup2(fileno(out), STDOUT_FILENO) >= 0 && dup2(fileno(err), STDERR_FILENO) >= 0 && chdir(workDir.c_str()) == 0) {
+      execve(args[0], args.data(), envp.data());
     }
-    execve(args[0], args.data(), envp.data());
     _exit(127);
   }
-  close(outPipe[1]);
-  close(errPipe[1]);
-
   RunResult result;
-  std::array<pollfd, 2> fds = {pollfd{outPipe[0], POLLIN, 0}, pollfd{errPipe[0], POLLIN, 0}};
-  std::array<std::string*, 2> sinks = {&result.out, &result.err};
-  const auto deadline = std::chrono::steady_clock::now() + limit;
-  int open = 2;
-  while (open > 0) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    if (left.count() <= 0) {
-      kill(pid, SIGKILL);
-      result.timedOut = true;
-      break;
-    }
-    if (poll(fds.data(), fds.size(), static_cast<int>(left.count())) < 0 && errno != EINTR) {
-      break;
-    }
-    for (std::size_t i = 0; i < fds.size(); ++i) {
-      if (fds[i].fd < 0 || fds[i].revents == 0) {
-        continue;
-      }
-      char buffer[4096];
-      const ssize_t count = read(fds[i].fd, buffer, sizeof buffer);
-      if (count > 0) {
-        sinks[i]->append(buffer, static_cast<std::size_t>(count));
-      } else {
-        close(fds[i].fd);
-        fds[i].fd = -1;
-        --open;
-      }
-    }
+  pollfd ended{static_cast<int>(syscall(SYS_pidfd_open, pid, 0)), POLLIN, 0};
+  if (poll(&ended, 1, timeoutSeconds * 1000) == 0) {
+    kill(pid, SIGKILL);
+    result.timedOut = true;
   }
-  for (const pollfd& fd : fds) {
-    if (fd.fd >= 0) {
-      close(fd.fd);
-    }
-  }
+  close(ended.fd);
   int status = 0;
   rusage usage{};
   wait4(pid, &status, 0, &usage);
+  result.wallSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   result.cpuSeconds = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
                       static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
   result.peakMemoryKb = usage.ru_maxrss;
-  result.wallSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  result.out = ReadAll(out);
+  result.err = ReadAll(err);
   return result;
 }
 
@@ -139,8 +119,7 @@ const NamespaceProbe& Probe() {
     }
     const std::string script = "mount --bind " + ShellQuote(folder) + " " + kPciDevicesPath;
     for (const char* flags : {"-m", "-rm"}) {
-      const RunResult result = Spawn({kUnshare, flags, "--", "/bin/sh", "-c", script}, {{"PATH", kSearchPath}}, "/",
-                                     std::chrono::seconds(30));
+      const RunResult result = Spawn({kUnshare, flags, "--", "/bin/sh", "-c", script}, {{"PATH", kSearchPath}}, "/", 30);
       if (result.status == 0) {
         rmdir(folder);
         return NamespaceProbe{flags, ""};
@@ -230,7 +209,9 @@ std::string FixtureMachine::AddPciDevice(const PciFixtureDevice& device) const {
 }
 
 void FixtureMachine::BindMount(const std::string& source, const std::string& target) {
-  mounts_.emplace_back(source, target);
+  if (std::find(mounts_.begin(), mounts_.end(), std::make_pair(source, target)) == mounts_.end()) {
+    mounts_.emplace_back(source, target);
+  }
 }
 
 void FixtureMachine::AddOpenClVendor(const std::string& name, const std::string& libraryPath) const {
@@ -252,31 +233,15 @@ void FixtureMachine::BindModuleDriver(const std::string& address, const std::str
   std::error_code ignored;
   fs::remove(PathOf(link), ignored);
   MakeSymlink(driverDir, link);
-  if (!sysModuleMounted_) {
-    BindMount(PathOf("sys-module"), "/sys/module");
-    sysModuleMounted_ = true;
-  }
+  BindMount(PathOf("sys-module"), "/sys/module");
 }
 
 void FixtureMachine::SetKernelBuildDate(const std::string& date) {
-  WriteFile("proc/kernel-version", "#1 SMP PREEMPT_DYNAMIC Debian 6.1.0-1 (" + date + ")\n");
-  if (!kernelVersionMounted_) {
-    BindMount(PathOf("proc/kernel-version"), "/proc/sys/kernel/version");
-    kernelVersionMounted_ = true;
-  }
+  BindMount(WriteFile("proc/kernel-version", "#1 SMP PREEMPT_DYNAMIC Debian 6.1.0-1 (" + date + ")\n"),
+            "/proc/sys/kernel/version");
 }
 
 RunResult FixtureMachine::Run(const std::vector<std::string>& argv, int timeoutSeconds) const {
-  return RunFor(argv, std::chrono::seconds(timeoutSeconds));
-}
-
-RunResult FixtureMachine::RunGpuvetKilledAfter(const std::vector<std::string>& args, int milliseconds) const {
-  std::vector<std::string> argv = {GpuvetBinary()};
-  argv.insert(argv.end(), args.begin(), args.end());
-  return RunFor(argv, std::chrono::milliseconds(milliseconds));
-}
-
-RunResult FixtureMachine::RunFor(const std::vector<std::string>& argv, std::chrono::milliseconds limit) const {
   std::string script;
   for (const auto& [source, target] : mounts_) {
     script += "mount --bind " + ShellQuote(source) + " " + ShellQuote(target) + " || exit 125\n";
@@ -284,7 +249,7 @@ RunResult FixtureMachine::RunFor(const std::vector<std::string>& argv, std::chro
   script += "exec \"$@\"\n";
   std::vector<std::string> command = {kUnshare, Probe().unshareFlags, "--", "/bin/sh", "-c", script, "sh"};
   command.insert(command.end(), argv.begin(), argv.end());
-  return Spawn(command, env_, root_, limit);
+  return Spawn(command, env_, root_, timeoutSeconds);
 }
 
 RunResult FixtureMachine::RunGpuvet(const std::vector<std::string>& args, int timeoutSeconds) const {

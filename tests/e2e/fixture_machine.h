@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -44,14 +43,12 @@ class FixtureMachine {
   FixtureMachine(const FixtureMachine&) = delete;
   FixtureMachine& operator=(const FixtureMachine&) = delete;
 
-  const std::string& Root() const { return root_; }
   // Absolute path of a path relative to the root.
   std::string PathOf(const std::string& relativePath) const;
 
   // Writes a file under the root (parents made as needed); returns its absolute path.
   std::string WriteFile(const std::string& relativePath, const std::string& content) const;
   std::string MakeDir(const std::string& relativePath) const;
-  std::string MakeSymlink(const std::string& target, const std::string& relativePath) const;
 
   // Adds a PCI entry: "pci/devices/ADDRESS/{class,vendor,device,...}". Returns its folder.
   std::string AddPciDevice(const PciFixtureDevice& device) const;
@@ -61,8 +58,6 @@ class FixtureMachine {
   // The running kernel's build date ("YYYY-MM-DD"), the date of drivers whose
   // module file is not found.
   void SetKernelBuildDate(const std::string& date);
-  // Mounts source over target (file or folder) in the namespace of each run.
-  void BindMount(const std::string& source, const std::string& target);
   // Registers an OpenCL vendor library for the runs (OCL_ICD_VENDORS folder).
   void AddOpenClVendor(const std::string& name, const std::string& libraryPath) const;
   // Sets a variable in the environment of every run.
@@ -73,15 +68,13 @@ class FixtureMachine {
   RunResult Run(const std::vector<std::string>& argv, int timeoutSeconds = 60) const;
   // Runs the gpuvet binary with the arguments.
   RunResult RunGpuvet(const std::vector<std::string>& args, int timeoutSeconds = 60) const;
-  // Runs the gpuvet binary and kills it after the given number of milliseconds.
-  RunResult RunGpuvetKilledAfter(const std::vector<std::string>& args, int milliseconds) const;
 
  private:
-  RunResult RunFor(const std::vector<std::string>& argv, std::chrono::milliseconds limit) const;
+  std::string MakeSymlink(const std::string& target, const std::string& relativePath) const;
+  // Mounts source over target (file or folder) in the namespace of each run, once.
+  void BindMount(const std::string& source, const std::string& target);
 
   std::string root_;
-  bool sysModuleMounted_ = false;
-  bool kernelVersionMounted_ = false;
   std::vector<std::pair<std::string, std::string>> mounts_;
   std::map<std::string, std::string> env_;
 };

@@ -3,15 +3,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
-#include "fixture_machine.h"
-#include "test_icd_config.h"
+#include "e2e_support.h"
 
 namespace gpuvet::e2e {
 namespace {
@@ -20,49 +16,11 @@ using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-constexpr int kStatusOk = 0;
-constexpr int kStatusNotInWhiteList = 11;
-
-const PciFixtureDevice kIntelAdapter{"0000:00:02.0", 0x030000, 0x8086, 0x3e92};
-const PciFixtureDevice kNvidiaAdapter{"0000:65:00.0", 0x030000, 0x10de, 0x1b80};
-
-IcdDevice NvidiaDevice() {
-  IcdDevice device;
-  device.vendorId = 0x10de;
-  device.name = "NVIDIA GeForce GTX 1080";
-  device.version = "OpenCL 3.0 CUDA";
-  device.driverVersion = "535.183.01";
-  device.openClCVersion = "OpenCL C 1.2";
-  return device;
-}
-
 std::string ListFile(const std::string& root, const std::string& deviceName) {
-  return "<" + root + "><Item><VID>4318</VID><DeviceName>" + deviceName +
-         "</DeviceName><OpenCLCVersion>OpenCL C 1.2</OpenCLCVersion><DeviceVersion>OpenCL 3.0 CUDA</DeviceVersion>"
-         "<DriverVersion>535</DriverVersion></Item></" + root + ">\n";
-}
-
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream stream(text);
-  for (std::string line; std::getline(stream, line);) {
-    lines.push_back(line);
-  }
-  return lines;
-}
-
-// True when the landmarks stand in the output in this order, each a whole line.
-::testing::AssertionResult LinesInOrder(const std::string& out, const std::vector<std::string>& landmarks) {
-  const std::vector<std::string> lines = Lines(out);
-  auto at = lines.begin();
-  for (const std::string& landmark : landmarks) {
-    at = std::find(at, lines.end(), landmark);
-    if (at == lines.end()) {
-      return ::testing::AssertionFailure() << "missing or out of order: \"" << landmark << "\" in:\n" << out;
-    }
-    ++at;
-  }
-  return ::testing::AssertionSuccess();
+  ListItem item = ItemOf(NvidiaDevice());
+  item.name = deviceName;
+  item.driverVersion = "535";
+  return ListFileText(root, {item});
 }
 
 nlohmann::ordered_json ReadJson(const std::string& path) {
@@ -139,7 +97,9 @@ TEST_F(ResultStoreTest, FirstRunStoresTheVerdictAndTheSecondAnswersFromIt) {
 TEST_F(ResultStoreTest, StoredFailingVerdictIsReusedUntilRecheck) {
   machine_.WriteFile("lists/white.xml", ListFile("WhiteList", "Some Other GPU"));
   EXPECT_EQ(Run("1").status, kStatusNotInWhiteList);
-  EXPECT_EQ(Run("1").out.substr(Run("1").out.rfind("Find")), "Find result in config. 11\n");
+  const RunResult stored = Run("1");
+  EXPECT_EQ(stored.status, kStatusNotInWhiteList);
+  EXPECT_THAT(stored.out, EndsWith("\n\nFind result in config. 11\n"));
 
   machine_.WriteFile("lists/white.xml", ListFile("WhiteList", "NVIDIA GeForce GTX 1080"));
   const RunResult recheck = Run("1", {"--recheck", "1"});

@@ -2,16 +2,25 @@
  * gpuvet_test_icd: an OpenCL vendor library for the tests.
  *
  * The ICD loader finds it through OCL_ICD_VENDORS. Its platforms and devices
- * come from the file named by GPUVET_TEST_ICD_CONFIG (format in config.c), which
- * can also make chosen calls fail or sleep. Every call that the program under
- * test makes is appended as one line to the file named by
- * GPUVET_TEST_ICD_CALL_LOG, when that variable is set; the loader's own calls
- * while it loads the vendor are neither logged nor ever failed.
+ * come from the file named by GPUVET_TEST_ICD_CONFIG, one statement a line:
  *
- * Only the queries a census and clinfo make are implemented; every other entry
- * of the dispatch table is left empty.
+ *   platform                          starts the next platform
+ *   device                            starts the next device of the last platform
+ *   info PARAM HEX                    the answer to a query, its bytes in hex
+ *                                     (a text carries its closing NUL)
+ *   fault PARAM CODE SKIP SLEEP       the first SKIP matching calls pass, every
+ *                                     later one sleeps SLEEP seconds and answers
+ *                                     CODE (CL_SUCCESS: the usual answer); PARAM 0
+ *                                     on a platform is its clGetDeviceIDs
+ *   fail_platform_list CODE           the vendor offers no platform
+ *
+ * info and fault belong to the last device, or to the last platform before its
+ * first device. Every call of the program under test is appended as one line to
+ * the file named by GPUVET_TEST_ICD_CALL_LOG; the loader's own queries while it
+ * loads the vendor are neither logged nor failed.
  */
-#include "test_icd.h"
+#define CL_TARGET_OPENCL_VERSION 300
+#include <CL/cl_icd.h>
 
 #include <fcntl.h>
 #include <stdarg.h>
@@ -20,316 +29,303 @@
 #include <string.h>
 #include <unistd.h>
 
-static struct _cl_icd_dispatch g_dispatch;
-static void FillIcdDispatch(struct _cl_icd_dispatch* dispatch);
-static struct icd_config g_config;
-static int g_configLoaded;
+enum { kMaxPlatforms = 8, kMaxDevices = 160, kMaxInfos = 12, kMaxFaults = 4 };
 
-/* While the loader loads the vendor it asks each platform for
- * CL_PLATFORM_EXTENSIONS and CL_PLATFORM_ICD_SUFFIX_KHR, once for the size and
- * once for the value. Those calls belong to the loader until any other call
- * arrives. */
-enum { kLoaderCallsPerQuery = 2 };
+struct icd_info {
+  cl_uint param;
+  size_t size;
+  unsigned char* bytes;
+};
+
+struct icd_fault {
+  cl_uint param;
+  cl_int code;
+  unsigned skip;
+  unsigned sleepSeconds;
+  unsigned calls; /* matching calls seen so far */
+};
+
+/* A platform or a device. The loader reads the dispatch table from the first member. */
+struct icd_object {
+  struct _cl_icd_dispatch* dispatch;
+  unsigned index; /* among the objects of its kind, from 0 */
+  struct icd_object* platform; /* a device's platform */
+  int referenceCount;
+  struct icd_info infos[kMaxInfos];
+  unsigned infoCount;
+  struct icd_fault faults[kMaxFaults];
+  unsigned faultCount;
+};
+
+struct _cl_platform_id {
+  struct icd_object object;
+};
+
+struct _cl_device_id {
+  struct icd_object object;
+};
+
+static struct _cl_icd_dispatch g_dispatch;
+static struct _cl_platform_id g_platforms[kMaxPlatforms];
+static unsigned g_platformCount;
+static struct _cl_device_id g_devices[kMaxDevices];
+static unsigned g_deviceCount;
+static cl_int g_platformListCode;
+static struct icd_object* g_current; /* where info and fault statements go */
+static int g_configLoaded;
+/* Set while the loader loads the vendor: it asks each platform for
+ * CL_PLATFORM_EXTENSIONS and CL_PLATFORM_ICD_SUFFIX_KHR, and any other call
+ * shows that the program under test has taken over. */
 static int g_loading;
-static unsigned g_loaderExtensionCalls[ICD_MAX_PLATFORMS];
-static unsigned g_loaderSuffixCalls[ICD_MAX_PLATFORMS];
 
 static void AppendCallLog(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 static void AppendCallLog(const char* format, ...) {
   const char* path = getenv("GPUVET_TEST_ICD_CALL_LOG");
-  if (path == NULL || path[0] == '\0') {
-    return;
-  }
+  if (path == NULL || path[0] == '\0') return;
   char line[512];
   va_list args;
   va_start(args, format);
   int length = vsnprintf(line, sizeof line - 1, format, args);
   va_end(args);
-  if (length < 0) {
-    return;
-  }
-  if ((size_t)length > sizeof line - 2) {
-    length = (int)(sizeof line - 2);
-  }
+  if (length < 0) return;
+  if ((size_t)length > sizeof line - 2) length = (int)(sizeof line - 2);
   line[length] = '\n';
-  /* One write per line on an O_APPEND descriptor: lines of several processes
-   * never interleave. */
+  /* One write per line on an O_APPEND descriptor: lines of several processes never interleave. */
   int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-  if (fd < 0) {
-    return;
-  }
+  if (fd < 0) return;
   ssize_t written = write(fd, line, (size_t)length + 1);
   (void)written;
   close(fd);
 }
 
-static void EnsureConfig(void) {
-  if (g_configLoaded) {
-    return;
+static int AddInfo(struct icd_object* object, cl_uint param, const void* bytes, size_t size) {
+  if (object->infoCount == kMaxInfos) return -1;
+  struct icd_info* info = &object->infos[object->infoCount++];
+  info->param = param;
+  info->size = size;
+  info->bytes = malloc(size);
+  if (info->bytes == NULL) return -1;
+  memcpy(info->bytes, bytes, size);
+  return 0;
+}
+
+static int AddHexInfo(struct icd_object* object, cl_uint param, const char* hex) {
+  unsigned char bytes[4096];
+  size_t size = 0;
+  for (; hex[2 * size] != '\0'; ++size) {
+    if (size == sizeof bytes || sscanf(hex + 2 * size, "%2hhx", &bytes[size]) != 1) return -1;
   }
-  g_configLoaded = 1;
-  FillIcdDispatch(&g_dispatch);
+  return AddInfo(object, param, bytes, size);
+}
+
+static int ParseLine(const char* line) {
+  unsigned param = 0;
+  int code = 0;
+  unsigned skip = 0;
+  unsigned sleepSeconds = 0;
+  int valueAt = 0;
+  if (strcmp(line, "platform") == 0 && g_platformCount < kMaxPlatforms) {
+    g_current = &g_platforms[g_platformCount].object;
+    g_current->index = g_platformCount++;
+    return 0;
+  }
+  if (strcmp(line, "device") == 0 && g_platformCount > 0 && g_deviceCount < kMaxDevices) {
+    cl_platform_id platform = &g_platforms[g_platformCount - 1];
+    g_current = &g_devices[g_deviceCount].object;
+    g_current->index = g_deviceCount++;
+    g_current->platform = &platform->object;
+    g_current->referenceCount = 1;
+    return AddInfo(g_current, CL_DEVICE_PLATFORM, &platform, sizeof platform);
+  }
+  if (sscanf(line, "info %x %n", &param, &valueAt) == 1 && valueAt > 0 && g_current != NULL) {
+    return AddHexInfo(g_current, param, line + valueAt);
+  }
+  if (sscanf(line, "fault %x %d %u %u", &param, &code, &skip, &sleepSeconds) == 4 && g_current != NULL &&
+      g_current->faultCount < kMaxFaults) {
+    g_current->faults[g_current->faultCount++] = (struct icd_fault){param, code, skip, sleepSeconds, 0};
+    return 0;
+  }
+  if (sscanf(line, "fail_platform_list %d", &code) == 1) {
+    g_platformListCode = code;
+    return 0;
+  }
+  return -1;
+}
+
+static void LoadConfig(void) {
   const char* path = getenv("GPUVET_TEST_ICD_CONFIG");
-  if (path == NULL || LoadIcdConfig(path, &g_config) != 0) {
-    fprintf(stderr, "gpuvet_test_icd: no usable config in GPUVET_TEST_ICD_CONFIG (%s)\n",
-            path == NULL ? "unset" : path);
-    memset(&g_config, 0, sizeof g_config);
-    g_config.failPlatformList = CL_PLATFORM_NOT_FOUND_KHR;
+  FILE* file = path == NULL ? NULL : fopen(path, "r");
+  char* line = NULL;
+  size_t capacity = 0;
+  ssize_t length = 0;
+  int failed = file == NULL;
+  while (!failed && (length = getline(&line, &capacity, file)) >= 0) {
+    if (length > 0 && line[length - 1] == '\n') line[length - 1] = '\0';
+    failed = ParseLine(line) != 0;
+    if (failed) fprintf(stderr, "gpuvet_test_icd: %s: bad line: %s\n", path, line);
   }
-  for (unsigned i = 0; i < g_config.platformCount; ++i) {
-    g_config.platforms[i].dispatch = &g_dispatch;
-  }
-  for (unsigned i = 0; i < g_config.deviceCount; ++i) {
-    g_config.devices[i].dispatch = &g_dispatch;
+  free(line);
+  if (file != NULL) fclose(file);
+  if (failed) {
+    fprintf(stderr, "gpuvet_test_icd: no usable config in GPUVET_TEST_ICD_CONFIG\n");
+    g_platformListCode = CL_PLATFORM_NOT_FOUND_KHR;
   }
 }
 
-static int IsLoaderCall(cl_platform_id platform, cl_platform_info param) {
-  if (!g_loading) {
-    return 0;
-  }
-  unsigned* seen = NULL;
-  if (param == CL_PLATFORM_EXTENSIONS) {
-    seen = &g_loaderExtensionCalls[platform->index];
-  } else if (param == CL_PLATFORM_ICD_SUFFIX_KHR) {
-    seen = &g_loaderSuffixCalls[platform->index];
-  }
-  if (seen == NULL || *seen >= kLoaderCallsPerQuery) {
-    g_loading = 0;
-    return 0;
-  }
-  ++*seen;
-  return 1;
-}
-
-/* Applies the first fault that targets this call: it sleeps, then gives its
- * code (CL_SUCCESS when it only delays). */
-static cl_int ApplyFaults(struct icd_fault* faults, unsigned count, enum icd_fault_target target, cl_uint param) {
-  for (unsigned i = 0; i < count; ++i) {
-    struct icd_fault* fault = &faults[i];
-    if (fault->target != target || (target == FAULT_INFO && fault->param != param)) {
-      continue;
-    }
-    unsigned call = fault->calls++;
-    if (call < fault->skip) {
-      continue;
-    }
-    if (fault->sleepSeconds > 0) {
-      sleep(fault->sleepSeconds);
-    }
+/* The first fault for this query that is past its skip: it sleeps, then gives its code. */
+static cl_int ApplyFault(struct icd_object* object, cl_uint param) {
+  for (unsigned i = 0; i < object->faultCount; ++i) {
+    struct icd_fault* fault = &object->faults[i];
+    if (fault->param != param || fault->calls++ < fault->skip) continue;
+    if (fault->sleepSeconds > 0) sleep(fault->sleepSeconds);
     return fault->code;
   }
   return CL_SUCCESS;
 }
 
-static cl_int AnswerInfo(const struct icd_info* infos, unsigned count, cl_uint param, size_t valueSize, void* value,
-                         size_t* valueSizeRet) {
-  for (unsigned i = 0; i < count; ++i) {
-    if (infos[i].param != param) {
-      continue;
-    }
-    if (value != NULL) {
-      if (valueSize < infos[i].size) {
-        return CL_INVALID_VALUE;
-      }
-      memcpy(value, infos[i].bytes, infos[i].size);
-    }
-    if (valueSizeRet != NULL) {
-      *valueSizeRet = infos[i].size;
-    }
-    return CL_SUCCESS;
+static const struct icd_info* FindInfo(const struct icd_object* object, cl_uint param) {
+  for (unsigned i = 0; i < object->infoCount; ++i) {
+    if (object->infos[i].param == param) return &object->infos[i];
   }
-  return CL_INVALID_VALUE;
+  return NULL;
 }
 
-static int IsKnownPlatform(cl_platform_id platform) {
-  return platform != NULL && platform >= g_config.platforms && platform < g_config.platforms + g_config.platformCount;
+static cl_int Answer(const struct icd_object* object, cl_uint param, size_t valueSize, void* value,
+                     size_t* valueSizeRet) {
+  const struct icd_info* info = FindInfo(object, param);
+  if (info == NULL || (value != NULL && valueSize < info->size)) return CL_INVALID_VALUE;
+  if (value != NULL) memcpy(value, info->bytes, info->size);
+  if (valueSizeRet != NULL) *valueSizeRet = info->size;
+  return CL_SUCCESS;
 }
 
-static int IsKnownDevice(cl_device_id device) {
-  return device != NULL && device >= g_config.devices && device < g_config.devices + g_config.deviceCount;
+static cl_int Query(struct icd_object* object, cl_uint param, size_t valueSize, void* value, size_t* valueSizeRet) {
+  cl_int result = ApplyFault(object, param);
+  return result != CL_SUCCESS ? result : Answer(object, param, valueSize, value, valueSizeRet);
 }
 
 static cl_int CL_API_CALL GetPlatformInfo(cl_platform_id platform, cl_platform_info param, size_t valueSize,
                                           void* value, size_t* valueSizeRet) {
-  if (!IsKnownPlatform(platform)) {
-    AppendCallLog("clGetPlatformInfo platform=? param=0x%04x size=%zu result=%d", param, valueSize,
-                  CL_INVALID_PLATFORM);
-    return CL_INVALID_PLATFORM;
-  }
-  if (IsLoaderCall(platform, param)) {
-    return AnswerInfo(platform->infos, platform->infoCount, param, valueSize, value, valueSizeRet);
-  }
-  cl_int result = ApplyFaults(platform->faults, platform->faultCount, FAULT_INFO, param);
-  if (result == CL_SUCCESS) {
-    result = AnswerInfo(platform->infos, platform->infoCount, param, valueSize, value, valueSizeRet);
-  }
-  AppendCallLog("clGetPlatformInfo platform=%u param=0x%04x size=%zu result=%d", platform->index, param, valueSize,
-                result);
-  return result;
-}
-
-static int DeviceHasType(const struct _cl_device_id* device, cl_device_type type) {
-  cl_device_type own = 0;
-  for (unsigned i = 0; i < device->infoCount; ++i) {
-    if (device->infos[i].param == CL_DEVICE_TYPE && device->infos[i].size == sizeof own) {
-      memcpy(&own, device->infos[i].bytes, sizeof own);
-    }
-  }
-  return type == CL_DEVICE_TYPE_ALL || (own & type) != 0;
-}
-
-static cl_int CL_API_CALL GetDeviceIDs(cl_platform_id platform, cl_device_type type, cl_uint entries,
-                                       cl_device_id* devices, cl_uint* deviceCount) {
-  g_loading = 0;
-  if (!IsKnownPlatform(platform)) {
-    AppendCallLog("clGetDeviceIDs platform=? type=0x%llx entries=%u result=%d", (unsigned long long)type, entries,
-                  CL_INVALID_PLATFORM);
-    return CL_INVALID_PLATFORM;
-  }
-  cl_int result = ApplyFaults(platform->faults, platform->faultCount, FAULT_DEVICE_IDS, 0);
-  cl_uint found = 0;
-  if (result == CL_SUCCESS) {
-    for (unsigned i = 0; i < platform->deviceCount; ++i) {
-      cl_device_id device = &g_config.devices[platform->firstDevice + i];
-      if (!DeviceHasType(device, type)) {
-        continue;
-      }
-      if (devices != NULL && found < entries) {
-        devices[found] = device;
-      }
-      ++found;
-    }
-    if (found == 0) {
-      result = CL_DEVICE_NOT_FOUND;
-    }
-  }
-  if (deviceCount != NULL) {
-    *deviceCount = found;
-  }
-  AppendCallLog("clGetDeviceIDs platform=%u type=0x%llx entries=%u result=%d", platform->index,
-                (unsigned long long)type, entries, result);
+  g_loading = g_loading && (param == CL_PLATFORM_EXTENSIONS || param == CL_PLATFORM_ICD_SUFFIX_KHR);
+  if (g_loading) return Answer(&platform->object, param, valueSize, value, valueSizeRet);
+  cl_int result = Query(&platform->object, param, valueSize, value, valueSizeRet);
+  AppendCallLog("clGetPlatformInfo platform=%u param=0x%04x size=%zu result=%d", platform->object.index, param,
+                valueSize, result);
   return result;
 }
 
 static cl_int CL_API_CALL GetDeviceInfo(cl_device_id device, cl_device_info param, size_t valueSize, void* value,
                                         size_t* valueSizeRet) {
   g_loading = 0;
-  if (!IsKnownDevice(device)) {
-    AppendCallLog("clGetDeviceInfo device=? param=0x%04x size=%zu result=%d", param, valueSize, CL_INVALID_DEVICE);
-    return CL_INVALID_DEVICE;
-  }
-  cl_int result = ApplyFaults(device->faults, device->faultCount, FAULT_INFO, param);
-  if (result == CL_SUCCESS) {
-    result = AnswerInfo(device->infos, device->infoCount, param, valueSize, value, valueSizeRet);
-  }
-  AppendCallLog("clGetDeviceInfo device=%u param=0x%04x size=%zu result=%d", device->index, param, valueSize,
+  cl_int result = Query(&device->object, param, valueSize, value, valueSizeRet);
+  AppendCallLog("clGetDeviceInfo device=%u param=0x%04x size=%zu result=%d", device->object.index, param, valueSize,
                 result);
   return result;
 }
 
-static cl_int CL_API_CALL RetainDevice(cl_device_id device) {
+static cl_int CL_API_CALL GetDeviceIDs(cl_platform_id platform, cl_device_type type, cl_uint entries,
+                                       cl_device_id* devices, cl_uint* deviceCount) {
   g_loading = 0;
-  if (!IsKnownDevice(device)) {
-    AppendCallLog("clRetainDevice device=? result=%d", CL_INVALID_DEVICE);
-    return CL_INVALID_DEVICE;
+  cl_int result = ApplyFault(&platform->object, 0);
+  cl_uint found = 0;
+  for (unsigned i = 0; result == CL_SUCCESS && i < g_deviceCount; ++i) {
+    const struct icd_info* own = FindInfo(&g_devices[i].object, CL_DEVICE_TYPE);
+    cl_device_type ownType = 0;
+    if (own != NULL && own->size == sizeof ownType) memcpy(&ownType, own->bytes, sizeof ownType);
+    if (g_devices[i].object.platform != &platform->object || (type != CL_DEVICE_TYPE_ALL && !(ownType & type))) {
+      continue;
+    }
+    if (devices != NULL && found < entries) devices[found] = &g_devices[i];
+    ++found;
   }
-  ++device->referenceCount;
-  AppendCallLog("clRetainDevice device=%u refcount=%d", device->index, device->referenceCount);
+  if (result == CL_SUCCESS && found == 0) result = CL_DEVICE_NOT_FOUND;
+  if (deviceCount != NULL) *deviceCount = found;
+  AppendCallLog("clGetDeviceIDs platform=%u type=0x%llx entries=%u result=%d", platform->object.index,
+                (unsigned long long)type, entries, result);
+  return result;
+}
+
+static cl_int ChangeReference(cl_device_id device, int change, const char* function) {
+  g_loading = 0;
+  device->object.referenceCount += change;
+  AppendCallLog("%s device=%u refcount=%d", function, device->object.index, device->object.referenceCount);
   return CL_SUCCESS;
+}
+
+static cl_int CL_API_CALL RetainDevice(cl_device_id device) {
+  return ChangeReference(device, 1, "clRetainDevice");
 }
 
 static cl_int CL_API_CALL ReleaseDevice(cl_device_id device) {
-  g_loading = 0;
-  if (!IsKnownDevice(device)) {
-    AppendCallLog("clReleaseDevice device=? result=%d", CL_INVALID_DEVICE);
-    return CL_INVALID_DEVICE;
-  }
-  --device->referenceCount;
-  AppendCallLog("clReleaseDevice device=%u refcount=%d", device->index, device->referenceCount);
-  return CL_SUCCESS;
+  return ChangeReference(device, -1, "clReleaseDevice");
 }
 
 /* clinfo probes contexts; this vendor makes none. */
-static cl_context CL_API_CALL CreateContext(const cl_context_properties* properties, cl_uint deviceCount,
-                                            const cl_device_id* devices,
-                                            void(CL_CALLBACK* notify)(const char*, const void*, size_t, void*),
-                                            void* userData, cl_int* errcodeRet) {
-  (void)properties;
-  (void)devices;
-  (void)notify;
-  (void)userData;
+static cl_context RefuseContext(const char* function, cl_int* errcodeRet) {
   g_loading = 0;
-  AppendCallLog("clCreateContext devices=%u result=%d", deviceCount, CL_DEVICE_NOT_AVAILABLE);
-  if (errcodeRet != NULL) {
-    *errcodeRet = CL_DEVICE_NOT_AVAILABLE;
-  }
+  AppendCallLog("%s result=%d", function, CL_DEVICE_NOT_AVAILABLE);
+  if (errcodeRet != NULL) *errcodeRet = CL_DEVICE_NOT_AVAILABLE;
   return NULL;
 }
 
-static cl_context CL_API_CALL CreateContextFromType(const cl_context_properties* properties, cl_device_type type,
-                                                    void(CL_CALLBACK* notify)(const char*, const void*, size_t,
-                                                                              void*),
-                                                    void* userData, cl_int* errcodeRet) {
-  (void)properties;
-  (void)notify;
-  (void)userData;
-  g_loading = 0;
-  AppendCallLog("clCreateContextFromType type=0x%llx result=%d", (unsigned long long)type, CL_DEVICE_NOT_AVAILABLE);
-  if (errcodeRet != NULL) {
-    *errcodeRet = CL_DEVICE_NOT_AVAILABLE;
-  }
-  return NULL;
+typedef void(CL_CALLBACK* ContextNotify)(const char*, const void*, size_t, void*);
+
+static cl_context CL_API_CALL CreateContext(const cl_context_properties* properties __attribute__((unused)),
+                                            cl_uint deviceCount __attribute__((unused)),
+                                            const cl_device_id* devices __attribute__((unused)),
+                                            ContextNotify notify __attribute__((unused)),
+                                            void* userData __attribute__((unused)), cl_int* errcodeRet) {
+  return RefuseContext("clCreateContext", errcodeRet);
 }
 
-static cl_int CL_API_CALL IcdGetPlatformIDs(cl_uint entries, cl_platform_id* platforms, cl_uint* platformCount) {
-  EnsureConfig();
-  g_loading = 1;
-  if (g_config.failPlatformList != CL_SUCCESS) {
-    if (platformCount != NULL) {
-      *platformCount = 0;
-    }
-    return g_config.failPlatformList;
-  }
-  if (platforms != NULL) {
-    for (unsigned i = 0; i < g_config.platformCount && i < entries; ++i) {
-      platforms[i] = &g_config.platforms[i];
-    }
-  }
-  if (platformCount != NULL) {
-    *platformCount = g_config.platformCount;
-  }
-  return g_config.platformCount == 0 ? CL_PLATFORM_NOT_FOUND_KHR : CL_SUCCESS;
+static cl_context CL_API_CALL CreateContextFromType(const cl_context_properties* properties __attribute__((unused)),
+                                                    cl_device_type type __attribute__((unused)),
+                                                    ContextNotify notify __attribute__((unused)),
+                                                    void* userData __attribute__((unused)), cl_int* errcodeRet) {
+  return RefuseContext("clCreateContextFromType", errcodeRet);
 }
+
+static cl_int CL_API_CALL IcdGetPlatformIDs(cl_uint entries, cl_platform_id* platforms, cl_uint* platformCount);
 
 static void* CL_API_CALL GetExtensionFunctionAddress(const char* name) {
-  if (name != NULL && strcmp(name, "clIcdGetPlatformIDsKHR") == 0) {
-    return (void*)&IcdGetPlatformIDs;
-  }
-  return NULL;
+  return name != NULL && strcmp(name, "clIcdGetPlatformIDsKHR") == 0 ? (void*)&IcdGetPlatformIDs : NULL;
 }
 
-static void* CL_API_CALL GetExtensionFunctionAddressForPlatform(cl_platform_id platform, const char* name) {
-  (void)platform;
+static void* CL_API_CALL GetExtensionFunctionAddressForPlatform(cl_platform_id platform __attribute__((unused)),
+                                                                const char* name) {
   return GetExtensionFunctionAddress(name);
 }
 
-static void FillIcdDispatch(struct _cl_icd_dispatch* dispatch) {
-  memset(dispatch, 0, sizeof *dispatch);
-  dispatch->clGetPlatformIDs = IcdGetPlatformIDs;
-  dispatch->clGetPlatformInfo = GetPlatformInfo;
-  dispatch->clGetDeviceIDs = GetDeviceIDs;
-  dispatch->clGetDeviceInfo = GetDeviceInfo;
-  dispatch->clRetainDevice = RetainDevice;
-  dispatch->clReleaseDevice = ReleaseDevice;
-  dispatch->clCreateContext = CreateContext;
-  dispatch->clCreateContextFromType = CreateContextFromType;
-  dispatch->clGetExtensionFunctionAddress = GetExtensionFunctionAddress;
-  dispatch->clGetExtensionFunctionAddressForPlatform = GetExtensionFunctionAddressForPlatform;
+static void Load(void) {
+  if (g_configLoaded) return;
+  g_configLoaded = 1;
+  g_dispatch.clGetPlatformIDs = IcdGetPlatformIDs;
+  g_dispatch.clGetPlatformInfo = GetPlatformInfo;
+  g_dispatch.clGetDeviceIDs = GetDeviceIDs;
+  g_dispatch.clGetDeviceInfo = GetDeviceInfo;
+  g_dispatch.clRetainDevice = RetainDevice;
+  g_dispatch.clReleaseDevice = ReleaseDevice;
+  g_dispatch.clCreateContext = CreateContext;
+  g_dispatch.clCreateContextFromType = CreateContextFromType;
+  g_dispatch.clGetExtensionFunctionAddress = GetExtensionFunctionAddress;
+  g_dispatch.clGetExtensionFunctionAddressForPlatform = GetExtensionFunctionAddressForPlatform;
+  LoadConfig();
+  for (unsigned i = 0; i < g_platformCount; ++i) g_platforms[i].object.dispatch = &g_dispatch;
+  for (unsigned i = 0; i < g_deviceCount; ++i) g_devices[i].object.dispatch = &g_dispatch;
 }
 
-/* The three symbols the loader looks up by name. */
+static cl_int CL_API_CALL IcdGetPlatformIDs(cl_uint entries, cl_platform_id* platforms, cl_uint* platformCount) {
+  Load();
+  g_loading = 1;
+  const cl_uint offered = g_platformListCode == CL_SUCCESS ? g_platformCount : 0;
+  for (unsigned i = 0; platforms != NULL && i < offered && i < entries; ++i) platforms[i] = &g_platforms[i];
+  if (platformCount != NULL) *platformCount = offered;
+  if (g_platformListCode != CL_SUCCESS) return g_platformListCode;
+  return offered == 0 ? CL_PLATFORM_NOT_FOUND_KHR : CL_SUCCESS;
+}
+
+/* The symbols the loader looks up by name. */
 CL_API_ENTRY cl_int CL_API_CALL clIcdGetPlatformIDsKHR(cl_uint entries, cl_platform_id* platforms,
                                                        cl_uint* platformCount) {
   return IcdGetPlatformIDs(entries, platforms, platformCount);

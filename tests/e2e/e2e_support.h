@@ -1,0 +1,91 @@
+#pragma once
+
+// What the end-to-end tests share: exit statuses, fixture adapters and
+// devices, list files and output lines.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "fixture_machine.h"
+#include "test_icd_config.h"
+
+namespace gpuvet::e2e {
+
+// Exit statuses as the parent sees them: the low eight bits of the code.
+constexpr int kStatusOk = 0;
+constexpr int kStatusNotInWhiteList = 11;
+constexpr int kStatusNotInWhiteListOldDriver = 12;
+constexpr int kStatusOldDriver = 13;
+constexpr int kStatusInvalidParameter = 24;  // -1000
+constexpr int kStatusInBlackList = 245;      // -11
+constexpr int kStatusNoPlatform = 246;       // -10
+constexpr int kStatusNoTest = 255;           // -1
+
+inline const PciFixtureDevice kIntelAdapter{"0000:00:02.0", 0x030000, 0x8086, 0x3e92};
+inline const PciFixtureDevice kAmdAdapter{"0000:03:00.0", 0x030000, 0x1002, 0x67df};
+inline const PciFixtureDevice kNvidiaAdapter{"0000:65:00.0", 0x030000, 0x10de, 0x1b80};
+
+// The OpenCL device of kNvidiaAdapter, with blanks that its key drops.
+inline IcdDevice NvidiaDevice() {
+  IcdDevice device;
+  device.name = " NVIDIA GeForce GTX 1080 ";
+  device.version = "OpenCL 3.0 CUDA";
+  device.driverVersion = "535.183.01";
+  device.openClCVersion = "OpenCL C 1.2 ";
+  return device;
+}
+
+struct ListItem {
+  uint32_t vid;
+  std::string name, cVersion, deviceVersion, driverVersion;
+};
+
+inline std::string TrimBlanks(const std::string& text) {
+  const std::size_t first = text.find_first_not_of(' ');
+  return first == std::string::npos ? "" : text.substr(first, text.find_last_not_of(' ') - first + 1);
+}
+
+// The list item that names this device exactly.
+inline ListItem ItemOf(const IcdDevice& device) {
+  return {device.vendorId, TrimBlanks(device.name), TrimBlanks(device.openClCVersion), TrimBlanks(device.version),
+          TrimBlanks(device.driverVersion)};
+}
+
+// A black list (root "BlackList") or white list (root "WhiteList") file.
+inline std::string ListFileText(const std::string& root, const std::vector<ListItem>& items) {
+  std::string text = "<?xml version=\"1.0\"?>\n<" + root + ">";
+  for (const ListItem& item : items) {
+    text += "<Item><VID>" + std::to_string(item.vid) + "</VID><DeviceName>" + item.name +
+            "</DeviceName><OpenCLCVersion>" + item.cVersion + "</OpenCLCVersion><DeviceVersion>" +
+            item.deviceVersion + "</DeviceVersion><DriverVersion>" + item.driverVersion + "</DriverVersion></Item>";
+  }
+  return text + "</" + root + ">\n";
+}
+
+inline std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream stream(text);
+  for (std::string line; std::getline(stream, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+// True when the landmarks stand in the output in this order, each a whole line.
+inline ::testing::AssertionResult LinesInOrder(const std::string& out, const std::vector<std::string>& landmarks) {
+  const std::vector<std::string> lines = Lines(out);
+  auto at = lines.begin();
+  for (const std::string& landmark : landmarks) {
+    at = std::find(at, lines.end(), landmark);
+    if (at == lines.end()) {
+      return ::testing::AssertionFailure() << "missing or out of order: \"" << landmark << "\" in:\n" << out;
+    }
+    ++at;
+  }
+  return ::testing::AssertionSuccess();
+}
+
+}  // namespace gpuvet::e2e
