@@ -54,9 +54,14 @@ class SysfsTest : public ::testing::Test {
     fs::create_directory_symlink(root_ + "/devices/" + address, roots_.pciDevicesDir + "/" + address);
   }
 
+  // Read east of Greenwich, where a local date of a file would differ from its UTC date.
   std::vector<DriverRow> ReadRows() const {
+    setenv("TZ", "JST-9", 1);
+    tzset();
     std::vector<DriverRow> rows;
     EXPECT_TRUE(ReadDriverRows(roots_, rows));
+    unsetenv("TZ");
+    tzset();
     return rows;
   }
 
@@ -64,8 +69,9 @@ class SysfsTest : public ::testing::Test {
   DriverRowRoots roots_;
 };
 
-// Entries with an unreadable file are passed over with one line each.
-TEST_F(SysfsTest, ListsDisplayClassesInAddressOrder) {
+// Entries with an unreadable file are passed over, with one line each in the
+// list and quietly in the rows; missing subsystem and revision files count as 0.
+TEST_F(SysfsTest, ListsDisplayClassesInAddressOrderWithTheirRows) {
   AddEntry("0000:65:00.0", "0x030200\n", "0x10de\n", "0x1b80\n");  // 3D controller
   AddEntry("0000:00:02.0", "0x030000\n", "0x8086\n", "0x3e92\n");  // VGA
   AddEntry("0000:00:1f.3", "0x040300\n", "0x8086\n", "0xa348\n");  // audio
@@ -73,6 +79,9 @@ TEST_F(SysfsTest, ListsDisplayClassesInAddressOrder) {
   AddEntry("0000:05:00.0", "", "0x10de\n", "0x1b80\n");
   AddEntry("0000:06:00.0", "0x030000\n", "nvidia\n", "0x1b80\n");
   AddEntry("0000:07:00.0", "0x030000\n", "0x10de\n", "0x1ffffffff\n");
+  Write("devices/0000:00:02.0/subsystem_vendor", "0x1458\n");
+  Write("devices/0000:00:02.0/subsystem_device", "0x403b\n");
+  Write("devices/0000:00:02.0/revision", "0xa1\n");
   std::vector<std::string> skips;
   const auto devices = ListDisplayDevices(roots_.pciDevicesDir, [&skips](const std::string& line) {
     skips.push_back(line);
@@ -80,15 +89,18 @@ TEST_F(SysfsTest, ListsDisplayClassesInAddressOrder) {
   ASSERT_TRUE(devices.has_value());
   ASSERT_EQ(devices->size(), 3u);
   EXPECT_EQ((*devices)[0].address, "0000:00:02.0");
-  EXPECT_EQ((*devices)[0].vendorId, 0x8086u);
-  EXPECT_EQ((*devices)[0].deviceId, 0x3e92u);
   EXPECT_EQ((*devices)[1].address, "0000:04:00.0");
-  EXPECT_EQ((*devices)[2].entryDir, roots_.pciDevicesDir + "/0000:65:00.0");
   EXPECT_EQ((*devices)[2].name, "GP104 [GeForce GTX 1080]");
   EXPECT_EQ(LookupDeviceName(0x1234, 0xfff0), "Device fff0");
   EXPECT_EQ(skips, (std::vector<std::string>{"skipping 0000:05:00.0: class unreadable",
                                              "skipping 0000:06:00.0: vendor unreadable",
                                              "skipping 0000:07:00.0: device unreadable"}));
+
+  const std::vector<DriverRow> rows = ReadRows();
+  ASSERT_EQ(rows.size(), 3U);
+  EXPECT_EQ(rows[2].caption, "GP104 [GeForce GTX 1080]");
+  EXPECT_EQ(rows[0].pnpDeviceId, "PCI\\VEN_8086&DEV_3E92&SUBSYS_403B1458&REV_A1\\0000:00:02.0");
+  EXPECT_EQ(rows[2].pnpDeviceId, "PCI\\VEN_10DE&DEV_1B80&SUBSYS_00000000&REV_00\\0000:65:00.0");
 }
 
 TEST_F(SysfsTest, UnreadableBusFolderGivesNoListAndNoRows) {
@@ -99,28 +111,10 @@ TEST_F(SysfsTest, UnreadableBusFolderGivesNoListAndNoRows) {
   EXPECT_TRUE(rows.empty());
 }
 
-// Subsystem and revision files that are missing count as 0.
-TEST_F(SysfsTest, RowsCarryTheDeviceNameAndThePnpDeviceId) {
-  AddEntry("0000:65:00.0", "0x030000\n", "0x1002\n", "0x73bf\n");
-  AddEntry(kAddress, "0x030000\n", "0x10de\n", "0x2204\n");
-  Write("devices/0000:01:00.0/subsystem_vendor", "0x1458\n");
-  Write("devices/0000:01:00.0/subsystem_device", "0x403b\n");
-  Write("devices/0000:01:00.0/revision", "0xa1\n");  setenv("TZ", "JST-9", 1);  // east of Greenwich, where the local date would differ
-  tzset();
-  const std::vector<DriverRow> rows = ReadRows();
-  unsetenv("TZ");
-  tzset();
-  ASSERT_EQ(rows.size(), 2U);
-  EXPECT_EQ(rows[0].caption, LookupDeviceName(0x10de, 0x2204));
-  EXPECT_EQ(rows[0].pnpDeviceId, "PCI\\VEN_10DE&DEV_2204&SUBSYS_403B1458&REV_A1\\0000:01:00.0");
-  EXPECT_EQ(rows[1].pnpDeviceId, "PCI\\VEN_1002&DEV_73BF&SUBSYS_00000000&REV_00\\0000:65:00.0");
-}
-
-// What is bound to the adapter at kAddress, and the version and date its row shows.
+// The driver bound to the adapter at kAddress, and the version and date its row shows.
 struct DriverCase {
   const char* what;
-  const char* driver;         // nullptr: no driver bound
-  const char* module;         // nullptr: built into the kernel
+  const char* module;         // nullptr: no driver bound; "": a driver built into the kernel
   const char* moduleVersion;  // the loaded module's version file; nullptr: none
   const char* moduleFile;     // as modules.dep lists it
   bool moduleFileExists;      // made with kLateOnNewYearsEve as its time
@@ -132,19 +126,24 @@ void PrintTo(const DriverCase& param, std::ostream* out) {
   *out << param.what;
 }
 
-class DriverRowTest : public SysfsTest, public ::testing::WithParamInterface<DriverCase> {};
+class DriverRowTest : public SysfsTest, public ::testing::WithParamInterface<DriverCase> {
+ protected:
+  void BindDriver(const std::string& module) const {
+    const std::string driverDir = root_ + "/drivers/driver";
+    fs::create_directories(driverDir);
+    if (!module.empty()) {
+      fs::create_directories(roots_.sysModuleDir + "/" + module);
+      fs::create_directory_symlink(roots_.sysModuleDir + "/" + module, driverDir + "/module");
+    }
+    fs::create_directory_symlink(driverDir, roots_.pciDevicesDir + "/" + kAddress + "/driver");
+  }
+};
 
 TEST_P(DriverRowTest, TakesVersionAndDateFromTheBoundDriver) {
   const DriverCase& param = GetParam();
   AddEntry(kAddress, "0x030000\n", "0x10de\n", "0x2204\n");
-  if (param.driver != nullptr) {
-    const fs::path driverDir = fs::path(root_) / "drivers" / param.driver;
-    fs::create_directories(driverDir);
-    if (param.module != nullptr) {
-      fs::create_directories(roots_.sysModuleDir + "/" + param.module);
-      fs::create_directory_symlink(roots_.sysModuleDir + "/" + param.module, driverDir / "module");
-    }
-    fs::create_directory_symlink(driverDir, roots_.pciDevicesDir + "/" + kAddress + "/driver");
+  if (param.module != nullptr) {
+    BindDriver(param.module);
   }
   if (param.moduleVersion != nullptr) {
     Write(std::string("module/") + param.module + "/version", param.moduleVersion);
@@ -158,11 +157,7 @@ TEST_P(DriverRowTest, TakesVersionAndDateFromTheBoundDriver) {
     const timespec times[2] = {{kLateOnNewYearsEve, 0}, {kLateOnNewYearsEve, 0}};
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
   }
-  setenv("TZ", "JST-9", 1);  // east of Greenwich, where the local date would differ
-  tzset();
   const std::vector<DriverRow> rows = ReadRows();
-  unsetenv("TZ");
-  tzset();
   ASSERT_EQ(rows.size(), 1U);
   EXPECT_EQ(rows[0].driverVersion, param.version);
   EXPECT_EQ(rows[0].driverDate, param.date);
@@ -171,33 +166,26 @@ TEST_P(DriverRowTest, TakesVersionAndDateFromTheBoundDriver) {
 INSTANTIATE_TEST_SUITE_P(
     Drivers, DriverRowTest,
     ::testing::Values(
-        DriverCase{"no driver", nullptr, nullptr, nullptr, "x.ko", false, std::nullopt, std::nullopt},
-        DriverCase{"module with a version file", "nvidia", "nvidia", "535.154.05\nsecond line\n",
-                   "updates/dkms/nvidia.ko.xz", true, "535.154.05", kNewYearsEveDate},
-        DriverCase{"in-tree module", "amdgpu", "amdgpu", nullptr, "kernel/drivers/gpu/drm/amd/amdgpu/amdgpu.ko.zst",
-                   true, kRelease, kNewYearsEveDate},
-        DriverCase{"built-in driver", "i915", nullptr, nullptr, "x.ko", false, kRelease, kKernelBuildDate},
-        DriverCase{"module file listed, not on disk", "nvidia", "nvidia", nullptr, "updates/nvidia.ko", false,
-                   kRelease, kKernelBuildDate},
-        DriverCase{"module file not listed", "nvidia", "nvidia", nullptr, "kernel/other.ko", false, kRelease,
+        DriverCase{"no driver", nullptr, nullptr, "x.ko", false, std::nullopt, std::nullopt},
+        DriverCase{"module with a version file", "nvidia", "535.154.05\nsecond line\n", "updates/dkms/nvidia.ko.xz",
+                   true, "535.154.05", kNewYearsEveDate},
+        DriverCase{"in-tree module", "amdgpu", nullptr, "kernel/drivers/gpu/drm/amd/amdgpu/amdgpu.ko.zst", true,
+                   kRelease, kNewYearsEveDate},
+        DriverCase{"built-in driver", "", nullptr, "x.ko", false, kRelease, kKernelBuildDate},
+        DriverCase{"module file not on disk", "nvidia", nullptr, "updates/nvidia.ko", false, kRelease,
                    kKernelBuildDate},
-        DriverCase{"module with _, file with -", "nvidia-drm", "nvidia_drm", nullptr, "kernel/nvidia-drm.ko", true,
-                   kRelease, kNewYearsEveDate},
-        DriverCase{"module with -, file with _", "nvidia-drm", "nvidia-drm", nullptr, "kernel/nvidia_drm.ko.zst", true,
-                   kRelease, kNewYearsEveDate},
-        DriverCase{".ko.gz", "nvidia-drm", "nvidia_drm", nullptr, "kernel/nvidia_drm.ko.gz", true, kRelease,
-                   kNewYearsEveDate}));
+        DriverCase{"module with _, file with -", "nvidia_drm", nullptr, "kernel/nvidia-drm.ko", true, kRelease,
+                   kNewYearsEveDate},
+        DriverCase{"module with -, file with _", "nvidia-drm", nullptr, "kernel/nvidia_drm.ko.zst", true, kRelease,
+                   kNewYearsEveDate},
+        DriverCase{".ko.gz", "nvidia_drm", nullptr, "kernel/nvidia_drm.ko.gz", true, kRelease, kNewYearsEveDate}));
 
-TEST_F(SysfsTest, MissingKernelFilesLeaveTheirValuesMissing) {
+TEST_F(DriverRowTest, MissingKernelFilesLeaveTheirValuesMissing) {
   AddEntry(kAddress, "0x030000\n", "0x10de\n", "0x2204\n");
-  fs::create_directories(root_ + "/drivers/i915");
-  fs::create_directory_symlink(root_ + "/drivers/i915", roots_.pciDevicesDir + "/" + kAddress + "/driver");
+  BindDriver("");
   fs::remove(root_ + "/kernel/osrelease");
-  fs::remove(root_ + "/kernel/version");  setenv("TZ", "JST-9", 1);  // east of Greenwich, where the local date would differ
-  tzset();
+  fs::remove(root_ + "/kernel/version");
   const std::vector<DriverRow> rows = ReadRows();
-  unsetenv("TZ");
-  tzset();
   ASSERT_EQ(rows.size(), 1U);
   EXPECT_EQ(rows[0].driverVersion, std::nullopt);
   EXPECT_EQ(rows[0].driverDate, std::nullopt);

@@ -1,10 +1,12 @@
-// The order of device keys: bytes, field by field, the vendor id as an unsigned number.
+// The order of device keys: bytes, field by field, the vendor id as an unsigned
+// number; and the trimming of the texts they are made of.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <vector>
 
 #include "opencl/cl_device_key.h"
+#include "opencl/device_census.h"
 
 namespace gpuvet {
 namespace {
@@ -45,6 +47,18 @@ TEST(SortUnique, FoldsEqualDevicesAndSortsTheRest) {
   SortUnique(keys);
   const std::vector<ClDeviceKey> expected = {Key(0x1002, "A"), olderDriver, Key(0x10de, "B")};
   EXPECT_TRUE(std::equal(keys.begin(), keys.end(), expected.begin(), expected.end(), ClDeviceKeyEqual));
+}
+
+TEST(TrimBlanks, ErasesOnlyBlanksAtBothEnds) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"  GeForce GTX  1080 ", "GeForce GTX  1080"},  // blanks inside stay
+      {"   ", ""},
+      {" \t x \n ", "\t x \n"},  // a tab or a line end is no blank
+      {std::string(" a\0b ", 5), std::string("a\0b", 3)},
+  };
+  for (const auto& [in, out] : cases) {
+    EXPECT_EQ(TrimBlanks(in), out) << "'" << in << "'";
+  }
 }
 
 }  // namespace

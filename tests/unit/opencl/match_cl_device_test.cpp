@@ -24,58 +24,42 @@ AdapterEntry Adapter(uint32_t venId, const std::string& name) {
   return AdapterEntry{venId, 0x1b80, name, "", ""};
 }
 
-class MatchClDeviceTest : public ::testing::Test {
- protected:
-  void TearDown() override { ClDeviceTable.clear(); }
-};
-
 // The tables are in ascending order, as a census leaves them.
-TEST_F(MatchClDeviceTest, TakesTheFirstFittingRowWhole) {
-  ClDeviceTable = {Row(kAmd, "Ellesmere"), Row(kNvidia, "GeForce GT 710"), Row(kNvidia, "GeForce GTX 1080"),
-                   Row(kIntel, "Intel(R) UHD Graphics 630")};
+TEST(MatchClDevice, TakesTheFirstFittingRowWhole) {
+  const std::vector<ClDeviceKey> census = {Row(kAmd, "Ellesmere"), Row(kNvidia, "GeForce GT 710"),
+                                           Row(kNvidia, "GeForce GTX 1080"), Row(kIntel, "Intel(R) UHD Graphics 630")};
+  const ClDeviceKey previous = Row(7, "previous");
+  const ClDeviceKey previousRenamed{7, "GeForce", previous.OpenCLCVersion, previous.DeviceVersion, "1.0"};
   const struct {
     const char* what;
+    int32_t selector;
+    std::vector<ClDeviceKey> table;
     AdapterEntry adapter;
-    std::optional<ClDeviceKey> expected;  // nullopt: no row fits
+    std::optional<ClDeviceKey> expected;  // nullopt: no row fits, the target stays
   } cases[] = {
-      {"device name inside the adapter name", Adapter(kOtherVendor, "GP104 [GeForce GTX 1080]"),
+      {"device name inside the adapter's", 0, census, Adapter(kOtherVendor, "GP104 [GeForce GTX 1080]"),
        Row(kNvidia, "GeForce GTX 1080")},
-      {"adapter name inside the device name", Adapter(kOtherVendor, "GTX 1080"), Row(kNvidia, "GeForce GTX 1080")},
-      {"vendor alone, first of that vendor", Adapter(kNvidia, "Quadro"), Row(kNvidia, "GeForce GT 710")},
-      {"vendor fits before a better name later", Adapter(kAmd, "GeForce GT 710"), Row(kAmd, "Ellesmere")},
-      {"the empty adapter name fits the first row", Adapter(kOtherVendor, ""), Row(kAmd, "Ellesmere")},
-      {"case differs, vendor differs", Adapter(kOtherVendor, "geforce gtx 1080"), std::nullopt},
+      {"adapter name inside the device's", 0, census, Adapter(kOtherVendor, "GTX 1080"),
+       Row(kNvidia, "GeForce GTX 1080")},
+      {"vendor alone, first of that vendor", 0, census, Adapter(kNvidia, "Quadro"), Row(kNvidia, "GeForce GT 710")},
+      {"vendor fits before a better name later", 0, census, Adapter(kAmd, "GeForce GT 710"), Row(kAmd, "Ellesmere")},
+      {"empty adapter name fits the first row", 0, census, Adapter(kOtherVendor, ""), Row(kAmd, "Ellesmere")},
+      {"case differs, vendor differs", 0, census, Adapter(kOtherVendor, "geforce gtx 1080"), std::nullopt},
+      {"empty device name fits at its place", 0, {Row(kAmd, "Ellesmere"), Row(kNvidia, "")},
+       Adapter(kIntel, "Intel(R) HD Graphics"), Row(kNvidia, "")},
+      {"empty table", 0, {}, Adapter(kAmd, "Ellesmere"), std::nullopt},
+      // A negative selector takes only the adapter's name and skips the table.
+      {"negative selector, empty table", -1, {}, Adapter(kNvidia, "GeForce"), previousRenamed},
+      {"negative selector, fitting table", -5, census, Adapter(kNvidia, "GeForce"), previousRenamed},
   };
   for (const auto& c : cases) {
-    ClDeviceKey target = Row(7, "previous");
-    EXPECT_EQ(MatchClDevice(0, c.adapter, target), c.expected ? GPUVET_OK : GPUVET_NO_PLATFORM) << c.what;
-    EXPECT_TRUE(ClDeviceKeyEqual(target, c.expected.value_or(Row(7, "previous")))) << c.what;
+    SCOPED_TRACE(c.what);
+    ClDeviceTable = c.table;
+    ClDeviceKey target = previous;
+    EXPECT_EQ(MatchClDevice(c.selector, c.adapter, target), c.expected ? GPUVET_OK : GPUVET_NO_PLATFORM);
+    EXPECT_TRUE(ClDeviceKeyEqual(target, c.expected.value_or(previous)));
   }
-}
-
-TEST_F(MatchClDeviceTest, AnEmptyDeviceNameFitsAtItsPlace) {
-  ClDeviceTable = {Row(kAmd, "Ellesmere"), Row(kNvidia, "")};
-  ClDeviceKey target;
-  ASSERT_EQ(MatchClDevice(0, Adapter(kIntel, "Intel(R) HD Graphics"), target), GPUVET_OK);
-  EXPECT_TRUE(ClDeviceKeyEqual(target, Row(kNvidia, "")));
-}
-
-TEST_F(MatchClDeviceTest, EmptyTableWithASelectorFails) {
-  ClDeviceKey target = Row(kAmd, "kept");
-  EXPECT_EQ(MatchClDevice(0, Adapter(kAmd, "kept"), target), GPUVET_NO_PLATFORM);
-  EXPECT_TRUE(ClDeviceKeyEqual(target, Row(kAmd, "kept")));
-}
-
-// Only the name changes; the table, empty or not, is not looked at.
-TEST_F(MatchClDeviceTest, NegativeSelectorTakesOnlyTheAdapterName) {
-  for (const std::vector<ClDeviceKey>& table : {std::vector<ClDeviceKey>{}, {Row(kNvidia, "GeForce")}}) {
-    ClDeviceTable = table;
-    ClDeviceKey target = Row(kAmd, "Ellesmere");
-    ASSERT_EQ(MatchClDevice(-1, Adapter(kNvidia, "GeForce"), target), GPUVET_OK);
-    ClDeviceKey expected = Row(kAmd, "Ellesmere");
-    expected.DeviceName = "GeForce";
-    EXPECT_TRUE(ClDeviceKeyEqual(target, expected));
-  }
+  ClDeviceTable.clear();
 }
 
 }  // namespace

@@ -20,13 +20,5 @@ TEST(TextToInt, ReadsLikeTheRuntime) {
   }
 }
 
-TEST(CompareIgnoreCase, AsciiCaseOnlyAndWholeText) {
-  EXPECT_EQ(CompareIgnoreCase("--NoTest", "--notest"), 0);
-  EXPECT_NE(CompareIgnoreCase("--gp", "--gpu"), 0);
-  EXPECT_NE(CompareIgnoreCase("--gpu=1", "--gpu"), 0);
-  EXPECT_NE(CompareIgnoreCase("--gpü", "--gpu"), 0);
-  EXPECT_LT(CompareIgnoreCase("a", "B"), 0);
-}
-
 }  // namespace
 }  // namespace platform

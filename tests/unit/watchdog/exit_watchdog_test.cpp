@@ -15,12 +15,6 @@ namespace {
 constexpr const char* kTimeoutLine = "^Timeout exit:  GPUVET_NOT_IN_WHITELIST\n$";
 constexpr const char* kNothing = "^$";
 
-// Death tests re-run the binary for the child, so the child starts single-threaded.
-class ExitWatchdogTest : public ::testing::Test {
- protected:
-  void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-};
-
 // The child's standard output goes where a death test looks: standard error.
 void SendOutputToErrorStream() {
   std::fflush(stdout);
@@ -29,7 +23,9 @@ void SendOutputToErrorStream() {
 
 // The count used up prints the line and ends the process with the watchdog's
 // code; a count of 0 fires at once.
-TEST_F(ExitWatchdogTest, FiresWithItsCodeOnceTheCountIsUsedUp) {
+TEST(ExitWatchdogDeathTest, FiresWithItsCodeOnceTheCountIsUsedUp) {
+  // The child is a fresh run of the binary, so that it starts single-threaded.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
   const std::pair<int32_t, int32_t> cases[] = {{GPUVET_NOT_IN_WHITELIST, 0}, {42, 1}};
   for (const auto& [code, ticks] : cases) {
     const auto runToTheEnd = [code = code, ticks = ticks] {
@@ -43,18 +39,7 @@ TEST_F(ExitWatchdogTest, FiresWithItsCodeOnceTheCountIsUsedUp) {
   }
 }
 
-TEST_F(ExitWatchdogTest, DoneSetBeforeTheFirstReadEndsWithoutFiring) {
-  const auto runWithDoneSet = [] {
-    SendOutputToErrorStream();
-    ExitWatchdog watchdog(GPUVET_NOT_IN_WHITELIST, 0);
-    watchdog.done.store(true);
-    WatchdogMain(&watchdog);
-    std::exit(EXIT_SUCCESS);
-  };
-  EXPECT_EXIT(runWithDoneSet(), ::testing::ExitedWithCode(EXIT_SUCCESS), kNothing);
-}
-
-TEST_F(ExitWatchdogTest, StopAfterAQuickStartEndsQuietly) {
+TEST(ExitWatchdogTest, StopAfterAQuickStartEndsQuietly) {
   ExitWatchdog watchdog(GPUVET_NOT_IN_WHITELIST, kWatchdogTickCount);
   watchdog.Stop();  // before any start: no thread to join
   testing::internal::CaptureStdout();
@@ -66,7 +51,7 @@ TEST_F(ExitWatchdogTest, StopAfterAQuickStartEndsQuietly) {
   EXPECT_FALSE(watchdog.thread);
 }
 
-TEST_F(ExitWatchdogTest, SecondStartAddsNoThreadAndKeepsDone) {
+TEST(ExitWatchdogTest, SecondStartAddsNoThreadAndKeepsDone) {
   ExitWatchdog watchdog(GPUVET_NOT_IN_WHITELIST, kWatchdogTickCount);
   watchdog.Start();
   const std::thread* first = watchdog.thread.get();
@@ -77,18 +62,28 @@ TEST_F(ExitWatchdogTest, SecondStartAddsNoThreadAndKeepsDone) {
   watchdog.Stop();
 }
 
-TEST_F(ExitWatchdogTest, DestructorStopsAndJoins) {
-  const auto runAndLeaveScope = [] {
+// A watchdog that sees done set ends without a word: done set before its first
+// read, or a watchdog that goes out of scope, whose destructor stops and joins it.
+TEST(ExitWatchdogDeathTest, DoneInTimeEndsQuietly) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto doneBeforeTheFirstRead = [] {
+    SendOutputToErrorStream();
+    ExitWatchdog watchdog(GPUVET_NOT_IN_WHITELIST, 0);
+    watchdog.done.store(true);
+    WatchdogMain(&watchdog);
+    std::exit(EXIT_SUCCESS);
+  };
+  EXPECT_EXIT(doneBeforeTheFirstRead(), ::testing::ExitedWithCode(EXIT_SUCCESS), kNothing);
+  const auto leaveTheScope = [] {
     SendOutputToErrorStream();
     {
       ExitWatchdog watchdog(GPUVET_NOT_IN_WHITELIST, 1);
       watchdog.Start();
     }
-    // Had the thread been left running it would fire after its tick.
-    sleep(2);
+    sleep(2);  // had the thread been left running it would fire after its tick
     std::exit(EXIT_SUCCESS);
   };
-  EXPECT_EXIT(runAndLeaveScope(), ::testing::ExitedWithCode(EXIT_SUCCESS), kNothing);
+  EXPECT_EXIT(leaveTheScope(), ::testing::ExitedWithCode(EXIT_SUCCESS), kNothing);
 }
 
 }  // namespace
