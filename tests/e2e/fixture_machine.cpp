@@ -9,7 +9,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -157,7 +156,7 @@ FixtureMachine::FixtureMachine() {
   }
   root_ = folder;
   chmod(root_.c_str(), 0755);
-  mounts_.emplace_back(MakeDir("pci/devices"), kPciDevicesPath);
+  mounts_[kPciDevicesPath] = MakeDir("pci/devices");
   env_["PATH"] = kSearchPath;
   env_["OCL_ICD_VENDORS"] = MakeDir("opencl/vendors");
   // Sanitizer builds run the binary under the same options as the tests.
@@ -190,28 +189,15 @@ std::string FixtureMachine::MakeDir(const std::string& relativePath) const {
   return path;
 }
 
-std::string FixtureMachine::MakeSymlink(const std::string& target, const std::string& relativePath) const {
-  const std::string path = PathOf(relativePath);
-  fs::create_directories(fs::path(path).parent_path());
-  fs::create_symlink(target, path);
-  return path;
-}
-
 std::string FixtureMachine::AddPciDevice(const PciFixtureDevice& device) const {
   const std::string folder = "pci/devices/" + device.address;
   WriteFile(folder + "/class", Hex(device.classCode, 6));
   WriteFile(folder + "/vendor", Hex(device.vendorId, 4));
   WriteFile(folder + "/device", Hex(device.deviceId, 4));
-  WriteFile(folder + "/subsystem_vendor", Hex(device.subsystemVendor, 4));
-  WriteFile(folder + "/subsystem_device", Hex(device.subsystemDevice, 4));
-  WriteFile(folder + "/revision", Hex(device.revision, 2));
+  WriteFile(folder + "/subsystem_vendor", Hex(0, 4));
+  WriteFile(folder + "/subsystem_device", Hex(0, 4));
+  WriteFile(folder + "/revision", Hex(0, 2));
   return PathOf(folder);
-}
-
-void FixtureMachine::BindMount(const std::string& source, const std::string& target) {
-  if (std::find(mounts_.begin(), mounts_.end(), std::make_pair(source, target)) == mounts_.end()) {
-    mounts_.emplace_back(source, target);
-  }
 }
 
 void FixtureMachine::AddOpenClVendor(const std::string& name, const std::string& libraryPath) const {
@@ -225,25 +211,22 @@ void FixtureMachine::SetEnv(const std::string& name, const std::string& value) {
 void FixtureMachine::BindModuleDriver(const std::string& address, const std::string& module,
                                       const std::string& version) {
   const std::string driverDir = MakeDir("drivers/" + module);
-  if (!fs::exists(PathOf("drivers/" + module + "/module"))) {
-    MakeSymlink(MakeDir("sys-module/" + module), "drivers/" + module + "/module");
-  }
-  WriteFile("sys-module/" + module + "/version", version + "\n");
-  const std::string link = "pci/devices/" + address + "/driver";
-  std::error_code ignored;
-  fs::remove(PathOf(link), ignored);
-  MakeSymlink(driverDir, link);
-  BindMount(PathOf("sys-module"), "/sys/module");
+  const std::string moduleDir = fs::path(WriteFile("sys-module/" + module + "/version", version + "\n")).parent_path();
+  std::error_code ignored;  // where the links exist already
+  fs::create_symlink(moduleDir, driverDir + "/module", ignored);
+  fs::remove(PathOf("pci/devices/" + address + "/driver"), ignored);
+  fs::create_symlink(driverDir, PathOf("pci/devices/" + address + "/driver"));
+  mounts_["/sys/module"] = PathOf("sys-module");
 }
 
 void FixtureMachine::SetKernelBuildDate(const std::string& date) {
-  BindMount(WriteFile("proc/kernel-version", "#1 SMP PREEMPT_DYNAMIC Debian 6.1.0-1 (" + date + ")\n"),
-            "/proc/sys/kernel/version");
+  mounts_["/proc/sys/kernel/version"] =
+      WriteFile("proc/kernel-version", "#1 SMP PREEMPT_DYNAMIC Debian 6.1.0-1 (" + date + ")\n");
 }
 
 RunResult FixtureMachine::Run(const std::vector<std::string>& argv, int timeoutSeconds) const {
   std::string script;
-  for (const auto& [source, target] : mounts_) {
+  for (const auto& [target, source] : mounts_) {
     script += "mount --bind " + ShellQuote(source) + " " + ShellQuote(target) + " || exit 125\n";
   }
   script += "exec \"$@\"\n";

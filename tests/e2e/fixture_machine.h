@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,15 +20,12 @@ struct RunResult {
   long peakMemoryKb = 0;   // its largest resident set
 };
 
-// One PCI function of a fixture machine, written as sysfs shows it.
+// One PCI function of a fixture machine, written as sysfs shows it (subsystem and revision 0).
 struct PciFixtureDevice {
   std::string address;              // "0000:01:00.0"
   uint32_t classCode = 0x030000;    // VGA controller
   uint32_t vendorId = 0;
   uint32_t deviceId = 0;
-  uint32_t subsystemVendor = 0;
-  uint32_t subsystemDevice = 0;
-  uint32_t revision = 0;
 };
 
 // A fixture machine: a temporary folder whose trees are bind-mounted over the
@@ -70,12 +66,8 @@ class FixtureMachine {
   RunResult RunGpuvet(const std::vector<std::string>& args, int timeoutSeconds = 60) const;
 
  private:
-  std::string MakeSymlink(const std::string& target, const std::string& relativePath) const;
-  // Mounts source over target (file or folder) in the namespace of each run, once.
-  void BindMount(const std::string& source, const std::string& target);
-
   std::string root_;
-  std::vector<std::pair<std::string, std::string>> mounts_;
+  std::map<std::string, std::string> mounts_;  // target -> source, a file or folder of the fixture
   std::map<std::string, std::string> env_;
 };
 

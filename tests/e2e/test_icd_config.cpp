@@ -34,7 +34,6 @@ void WriteFaults(std::ostream& out, const std::vector<IcdFault>& faults, bool de
 
 std::string ConfigText(const IcdConfig& config) {
   std::ostringstream out;
-  out << "fail_platform_list " << config.platformListCode << "\n";
   for (const IcdPlatform& platform : config.platforms) {
     out << "platform\n";
     WriteText(out, CL_PLATFORM_PROFILE, platform.profile);

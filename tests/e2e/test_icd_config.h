@@ -65,9 +65,7 @@ struct IcdPlatform {
 };
 
 struct IcdConfig {
-  std::vector<IcdPlatform> platforms;
-  // Not CL_SUCCESS: the vendor answers its platform list with this code and the loader drops it.
-  int32_t platformListCode = CL_SUCCESS;
+  std::vector<IcdPlatform> platforms;  // none: the loader drops the vendor
 };
 
 // Registers the vendor as "gpuvet_test" with this config and its call log.

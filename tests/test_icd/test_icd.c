@@ -2,17 +2,16 @@
  * gpuvet_test_icd: an OpenCL vendor library for the tests.
  *
  * The ICD loader finds it through OCL_ICD_VENDORS. Its platforms and devices
- * come from the file named by GPUVET_TEST_ICD_CONFIG, one statement a line:
+ * come from the file named by GPUVET_TEST_ICD_CONFIG, a list of statements:
  *
- *   platform                          starts the next platform
- *   device                            starts the next device of the last platform
- *   info PARAM HEX                    the answer to a query, its bytes in hex
- *                                     (a text carries its closing NUL)
- *   fault PARAM CODE SKIP SLEEP       the first SKIP matching calls pass, every
- *                                     later one sleeps SLEEP seconds and answers
- *                                     CODE (CL_SUCCESS: the usual answer); PARAM 0
- *                                     on a platform is its clGetDeviceIDs
- *   fail_platform_list CODE           the vendor offers no platform
+ *   platform                     starts the next platform
+ *   device                       starts the next device of the last platform
+ *   info PARAM HEX               the answer to a query, its bytes in hex (a text
+ *                                carries its closing NUL)
+ *   fault PARAM CODE SKIP SLEEP  the first SKIP matching calls pass, every later
+ *                                one sleeps SLEEP seconds and answers CODE
+ *                                (CL_SUCCESS: the usual answer); PARAM 0 on a
+ *                                platform is its clGetDeviceIDs
  *
  * info and fault belong to the last device, or to the last platform before its
  * first device. Every call of the program under test is appended as one line to
@@ -29,12 +28,12 @@
 #include <string.h>
 #include <unistd.h>
 
-enum { kMaxPlatforms = 8, kMaxDevices = 160, kMaxInfos = 12, kMaxFaults = 4 };
+enum { kMaxPlatforms = 8, kMaxDevices = 160, kMaxInfos = 12, kMaxFaults = 4, kMaxValueSize = 256 };
 
 struct icd_info {
   cl_uint param;
   size_t size;
-  unsigned char* bytes;
+  unsigned char bytes[kMaxValueSize];
 };
 
 struct icd_fault {
@@ -50,7 +49,6 @@ struct icd_object {
   struct _cl_icd_dispatch* dispatch;
   unsigned index; /* among the objects of its kind, from 0 */
   struct icd_object* platform; /* a device's platform */
-  int referenceCount;
   struct icd_info infos[kMaxInfos];
   unsigned infoCount;
   struct icd_fault faults[kMaxFaults];
@@ -70,7 +68,6 @@ static struct _cl_platform_id g_platforms[kMaxPlatforms];
 static unsigned g_platformCount;
 static struct _cl_device_id g_devices[kMaxDevices];
 static unsigned g_deviceCount;
-static cl_int g_platformListCode;
 static struct icd_object* g_current; /* where info and fault statements go */
 static int g_configLoaded;
 /* Set while the loader loads the vendor: it asks each platform for
@@ -99,56 +96,45 @@ static void AppendCallLog(const char* format, ...) {
   close(fd);
 }
 
-static int AddInfo(struct icd_object* object, cl_uint param, const void* bytes, size_t size) {
-  if (object->infoCount == kMaxInfos) return -1;
-  struct icd_info* info = &object->infos[object->infoCount++];
+static struct icd_info* NewInfo(cl_uint param, size_t size) {
+  if (g_current == NULL || g_current->infoCount == kMaxInfos || size > kMaxValueSize) return NULL;
+  struct icd_info* info = &g_current->infos[g_current->infoCount++];
   info->param = param;
   info->size = size;
-  info->bytes = malloc(size);
-  if (info->bytes == NULL) return -1;
-  memcpy(info->bytes, bytes, size);
-  return 0;
+  return info;
 }
 
-static int AddHexInfo(struct icd_object* object, cl_uint param, const char* hex) {
-  unsigned char bytes[4096];
-  size_t size = 0;
-  for (; hex[2 * size] != '\0'; ++size) {
-    if (size == sizeof bytes || sscanf(hex + 2 * size, "%2hhx", &bytes[size]) != 1) return -1;
-  }
-  return AddInfo(object, param, bytes, size);
-}
-
-static int ParseLine(const char* line) {
-  unsigned param = 0;
-  int code = 0;
-  unsigned skip = 0;
-  unsigned sleepSeconds = 0;
-  int valueAt = 0;
-  if (strcmp(line, "platform") == 0 && g_platformCount < kMaxPlatforms) {
+static int ReadStatement(FILE* file) {
+  char word[16];
+  char hex[2 * kMaxValueSize + 1];
+  struct icd_fault fault = {0, 0, 0, 0, 0};
+  if (fscanf(file, "%15s", word) != 1) return 0;
+  if (strcmp(word, "platform") == 0 && g_platformCount < kMaxPlatforms) {
     g_current = &g_platforms[g_platformCount].object;
     g_current->index = g_platformCount++;
-    return 0;
+    return 1;
   }
-  if (strcmp(line, "device") == 0 && g_platformCount > 0 && g_deviceCount < kMaxDevices) {
+  if (strcmp(word, "device") == 0 && g_platformCount > 0 && g_deviceCount < kMaxDevices) {
     cl_platform_id platform = &g_platforms[g_platformCount - 1];
     g_current = &g_devices[g_deviceCount].object;
     g_current->index = g_deviceCount++;
     g_current->platform = &platform->object;
-    g_current->referenceCount = 1;
-    return AddInfo(g_current, CL_DEVICE_PLATFORM, &platform, sizeof platform);
+    struct icd_info* info = NewInfo(CL_DEVICE_PLATFORM, sizeof platform);
+    memcpy(info->bytes, &platform, sizeof platform);
+    return 1;
   }
-  if (sscanf(line, "info %x %n", &param, &valueAt) == 1 && valueAt > 0 && g_current != NULL) {
-    return AddHexInfo(g_current, param, line + valueAt);
+  if (strcmp(word, "info") == 0 && fscanf(file, "%x %512s", &fault.param, hex) == 2) {
+    struct icd_info* info = NewInfo(fault.param, strlen(hex) / 2);
+    for (size_t i = 0; info != NULL && i < info->size; ++i) {
+      if (sscanf(hex + 2 * i, "%2hhx", &info->bytes[i]) != 1) return -1;
+    }
+    return info == NULL ? -1 : 1;
   }
-  if (sscanf(line, "fault %x %d %u %u", &param, &code, &skip, &sleepSeconds) == 4 && g_current != NULL &&
-      g_current->faultCount < kMaxFaults) {
-    g_current->faults[g_current->faultCount++] = (struct icd_fault){param, code, skip, sleepSeconds, 0};
-    return 0;
-  }
-  if (sscanf(line, "fail_platform_list %d", &code) == 1) {
-    g_platformListCode = code;
-    return 0;
+  if (strcmp(word, "fault") == 0 &&
+      fscanf(file, "%x %d %u %u", &fault.param, &fault.code, &fault.skip, &fault.sleepSeconds) == 4 &&
+      g_current != NULL && g_current->faultCount < kMaxFaults) {
+    g_current->faults[g_current->faultCount++] = fault;
+    return 1;
   }
   return -1;
 }
@@ -156,20 +142,13 @@ static int ParseLine(const char* line) {
 static void LoadConfig(void) {
   const char* path = getenv("GPUVET_TEST_ICD_CONFIG");
   FILE* file = path == NULL ? NULL : fopen(path, "r");
-  char* line = NULL;
-  size_t capacity = 0;
-  ssize_t length = 0;
-  int failed = file == NULL;
-  while (!failed && (length = getline(&line, &capacity, file)) >= 0) {
-    if (length > 0 && line[length - 1] == '\n') line[length - 1] = '\0';
-    failed = ParseLine(line) != 0;
-    if (failed) fprintf(stderr, "gpuvet_test_icd: %s: bad line: %s\n", path, line);
-  }
-  free(line);
+  int read = file == NULL ? -1 : 1;
+  while (read == 1) read = ReadStatement(file);
   if (file != NULL) fclose(file);
-  if (failed) {
-    fprintf(stderr, "gpuvet_test_icd: no usable config in GPUVET_TEST_ICD_CONFIG\n");
-    g_platformListCode = CL_PLATFORM_NOT_FOUND_KHR;
+  if (read < 0) {
+    fprintf(stderr, "gpuvet_test_icd: no usable config in GPUVET_TEST_ICD_CONFIG (%s)\n", path);
+    g_platformCount = 0;
+    g_deviceCount = 0;
   }
 }
 
@@ -246,19 +225,16 @@ static cl_int CL_API_CALL GetDeviceIDs(cl_platform_id platform, cl_device_type t
   return result;
 }
 
-static cl_int ChangeReference(cl_device_id device, int change, const char* function) {
+static cl_int CL_API_CALL RetainDevice(cl_device_id device) {
   g_loading = 0;
-  device->object.referenceCount += change;
-  AppendCallLog("%s device=%u refcount=%d", function, device->object.index, device->object.referenceCount);
+  AppendCallLog("clRetainDevice device=%u", device->object.index);
   return CL_SUCCESS;
 }
 
-static cl_int CL_API_CALL RetainDevice(cl_device_id device) {
-  return ChangeReference(device, 1, "clRetainDevice");
-}
-
 static cl_int CL_API_CALL ReleaseDevice(cl_device_id device) {
-  return ChangeReference(device, -1, "clReleaseDevice");
+  g_loading = 0;
+  AppendCallLog("clReleaseDevice device=%u", device->object.index);
+  return CL_SUCCESS;
 }
 
 /* clinfo probes contexts; this vendor makes none. */
@@ -292,11 +268,6 @@ static void* CL_API_CALL GetExtensionFunctionAddress(const char* name) {
   return name != NULL && strcmp(name, "clIcdGetPlatformIDsKHR") == 0 ? (void*)&IcdGetPlatformIDs : NULL;
 }
 
-static void* CL_API_CALL GetExtensionFunctionAddressForPlatform(cl_platform_id platform __attribute__((unused)),
-                                                                const char* name) {
-  return GetExtensionFunctionAddress(name);
-}
-
 static void Load(void) {
   if (g_configLoaded) return;
   g_configLoaded = 1;
@@ -309,7 +280,6 @@ static void Load(void) {
   g_dispatch.clCreateContext = CreateContext;
   g_dispatch.clCreateContextFromType = CreateContextFromType;
   g_dispatch.clGetExtensionFunctionAddress = GetExtensionFunctionAddress;
-  g_dispatch.clGetExtensionFunctionAddressForPlatform = GetExtensionFunctionAddressForPlatform;
   LoadConfig();
   for (unsigned i = 0; i < g_platformCount; ++i) g_platforms[i].object.dispatch = &g_dispatch;
   for (unsigned i = 0; i < g_deviceCount; ++i) g_devices[i].object.dispatch = &g_dispatch;
@@ -318,11 +288,9 @@ static void Load(void) {
 static cl_int CL_API_CALL IcdGetPlatformIDs(cl_uint entries, cl_platform_id* platforms, cl_uint* platformCount) {
   Load();
   g_loading = 1;
-  const cl_uint offered = g_platformListCode == CL_SUCCESS ? g_platformCount : 0;
-  for (unsigned i = 0; platforms != NULL && i < offered && i < entries; ++i) platforms[i] = &g_platforms[i];
-  if (platformCount != NULL) *platformCount = offered;
-  if (g_platformListCode != CL_SUCCESS) return g_platformListCode;
-  return offered == 0 ? CL_PLATFORM_NOT_FOUND_KHR : CL_SUCCESS;
+  for (unsigned i = 0; platforms != NULL && i < g_platformCount && i < entries; ++i) platforms[i] = &g_platforms[i];
+  if (platformCount != NULL) *platformCount = g_platformCount;
+  return g_platformCount == 0 ? CL_PLATFORM_NOT_FOUND_KHR : CL_SUCCESS;
 }
 
 /* The symbols the loader looks up by name. */
