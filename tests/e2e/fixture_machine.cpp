@@ -54,20 +54,6 @@ std::string ReadAll(std::FILE* file) {
 // until it ends or the time limit passes.
 RunResult Spawn(const std::vector<std::string>& argv, const std::map<std::string, std::string>& env,
                 const std::string& workDir, int timeoutSeconds) {
-  std::vector<std::string> envText;
-  for (const auto& [name, value] : env) {
-    envText.push_back(name + "=" + value);
-  }
-  std::vector<char*> args;
-  std::vector<char*> envp;
-  for (const std::string& arg : argv) {
-    args.push_back(const_cast<char*>(arg.c_str()));
-  }
-  for (std::string& entry : envText) {
-    envp.push_back(entry.data());
-  }
-  args.push_back(nullptr);
-  envp.push_back(nullptr);
   std::FILE* out = std::tmpfile();
   std::FILE* err = std::tmpfile();
   if (out == nullptr || err == nullptr || fcntl(fileno(out), F_SETFD, FD_CLOEXEC) != 0 ||
@@ -78,8 +64,18 @@ RunResult Spawn(const std::vector<std::string>& argv, const std::map<std::string
   const auto started = std::chrono::steady_clock::now();
   const pid_t pid = fork();
   if (pid == 0) {
+    // The test process has a single thread: the child may allocate before exec.
+    clearenv();
+    for (const auto& [name, value] : env) {
+      setenv(name.c_str(), value.c_str(), 1);
+    }
+    std::vector<char*> args;
+    for (const std::string& arg : argv) {
+      args.push_back(const_cast<char*>(arg.c_str()));
+    }
+    args.push_back(nullptr);
     if (dup2(fileno(out), STDOUT_FILENO) >= 0 && dup2(fileno(err), STDERR_FILENO) >= 0 && chdir(workDir.c_str()) == 0) {
-      execve(args[0], args.data(), envp.data());
+      execv(args[0], args.data());
     }
     _exit(127);
   }

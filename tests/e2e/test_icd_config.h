@@ -2,17 +2,8 @@
 
 // Gives a fixture machine OpenCL platforms and devices through the project's
 // test vendor library (tests/test_icd), and reads back which OpenCL calls the
-// program under test made.
-//
-//   IcdConfig config;
-//   config.platforms.emplace_back().devices.push_back(IcdDevice{});  // a GPU of vendor 0x10de
-//   config.platforms[0].devices[0].faults.push_back({CL_DEVICE_EXTENSIONS, CL_OUT_OF_RESOURCES});
-//   UseTestIcd(machine, config);
-//
-// Only the calls of the program under test are logged and failed, never the
-// loader's own queries while it loads the vendor. An empty call log after a run
-// means it made no OpenCL call at all. UseTestIcd sets OCL_ICD_PLATFORM_SORT=none,
-// so the platforms stand in the order of the config.
+// program under test made: only its own, never the loader's while it loads the
+// vendor. The platforms stand in the order of the config.
 
 #ifndef CL_TARGET_OPENCL_VERSION
 #define CL_TARGET_OPENCL_VERSION 300
@@ -73,12 +64,12 @@ void UseTestIcd(FixtureMachine& machine, const IcdConfig& config);
 
 // One logged call: "clGetDeviceInfo device=1 param=0x102b size=0 result=0".
 struct IcdCall {
-  std::string function;                       // "clGetDeviceInfo"
-  std::map<std::string, std::string> fields;  // "device" -> "1", "param" -> "0x102b", ...
+  std::string function;
+  std::map<std::string, std::string> fields;  // "device" -> "1", ...
   std::string line;
 };
 
-// The calls of every run since the last clear, oldest first.
+// The calls of every run since the last clear, oldest first; none when no run made one.
 std::vector<IcdCall> ReadIcdCallLog(const FixtureMachine& machine);
 void ClearIcdCallLog(const FixtureMachine& machine);
 

@@ -28,6 +28,9 @@
 #include <string.h>
 #include <unistd.h>
 
+/* The dispatch table fixes the signatures; most parameters go unused here. */
+#pragma GCC diagnostic ignored "-Wunused-parameter"
+
 enum { kMaxPlatforms = 8, kMaxDevices = 160, kMaxInfos = 12, kMaxFaults = 4, kMaxValueSize = 256 };
 
 struct icd_info {
@@ -63,7 +66,7 @@ struct _cl_device_id {
   struct icd_object object;
 };
 
-static struct _cl_icd_dispatch g_dispatch;
+static struct _cl_icd_dispatch g_dispatch; /* filled in below, once its entries are defined */
 static struct _cl_platform_id g_platforms[kMaxPlatforms];
 static unsigned g_platformCount;
 static struct _cl_device_id g_devices[kMaxDevices];
@@ -75,24 +78,17 @@ static int g_configLoaded;
  * shows that the program under test has taken over. */
 static int g_loading;
 
+/* One line a call, appended as the program under test makes it. */
 static void AppendCallLog(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 static void AppendCallLog(const char* format, ...) {
   const char* path = getenv("GPUVET_TEST_ICD_CALL_LOG");
-  if (path == NULL || path[0] == '\0') return;
-  char line[512];
+  int fd = path == NULL ? -1 : open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+  if (fd < 0) return;
   va_list args;
   va_start(args, format);
-  int length = vsnprintf(line, sizeof line - 1, format, args);
+  vdprintf(fd, format, args);
   va_end(args);
-  if (length < 0) return;
-  if ((size_t)length > sizeof line - 2) length = (int)(sizeof line - 2);
-  line[length] = '\n';
-  /* One write per line on an O_APPEND descriptor: lines of several processes never interleave. */
-  int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-  if (fd < 0) return;
-  ssize_t written = write(fd, line, (size_t)length + 1);
-  (void)written;
   close(fd);
 }
 
@@ -111,12 +107,14 @@ static int ReadStatement(FILE* file) {
   if (fscanf(file, "%15s", word) != 1) return 0;
   if (strcmp(word, "platform") == 0 && g_platformCount < kMaxPlatforms) {
     g_current = &g_platforms[g_platformCount].object;
+    g_current->dispatch = &g_dispatch;
     g_current->index = g_platformCount++;
     return 1;
   }
   if (strcmp(word, "device") == 0 && g_platformCount > 0 && g_deviceCount < kMaxDevices) {
     cl_platform_id platform = &g_platforms[g_platformCount - 1];
     g_current = &g_devices[g_deviceCount].object;
+    g_current->dispatch = &g_dispatch;
     g_current->index = g_deviceCount++;
     g_current->platform = &platform->object;
     struct icd_info* info = NewInfo(CL_DEVICE_PLATFORM, sizeof platform);
@@ -189,7 +187,7 @@ static cl_int CL_API_CALL GetPlatformInfo(cl_platform_id platform, cl_platform_i
   g_loading = g_loading && (param == CL_PLATFORM_EXTENSIONS || param == CL_PLATFORM_ICD_SUFFIX_KHR);
   if (g_loading) return Answer(&platform->object, param, valueSize, value, valueSizeRet);
   cl_int result = Query(&platform->object, param, valueSize, value, valueSizeRet);
-  AppendCallLog("clGetPlatformInfo platform=%u param=0x%04x size=%zu result=%d", platform->object.index, param,
+  AppendCallLog("clGetPlatformInfo platform=%u param=0x%04x size=%zu result=%d\n", platform->object.index, param,
                 valueSize, result);
   return result;
 }
@@ -198,7 +196,7 @@ static cl_int CL_API_CALL GetDeviceInfo(cl_device_id device, cl_device_info para
                                         size_t* valueSizeRet) {
   g_loading = 0;
   cl_int result = Query(&device->object, param, valueSize, value, valueSizeRet);
-  AppendCallLog("clGetDeviceInfo device=%u param=0x%04x size=%zu result=%d", device->object.index, param, valueSize,
+  AppendCallLog("clGetDeviceInfo device=%u param=0x%04x size=%zu result=%d\n", device->object.index, param, valueSize,
                 result);
   return result;
 }
@@ -220,45 +218,41 @@ static cl_int CL_API_CALL GetDeviceIDs(cl_platform_id platform, cl_device_type t
   }
   if (result == CL_SUCCESS && found == 0) result = CL_DEVICE_NOT_FOUND;
   if (deviceCount != NULL) *deviceCount = found;
-  AppendCallLog("clGetDeviceIDs platform=%u type=0x%llx entries=%u result=%d", platform->object.index,
+  AppendCallLog("clGetDeviceIDs platform=%u type=0x%llx entries=%u result=%d\n", platform->object.index,
                 (unsigned long long)type, entries, result);
   return result;
 }
 
 static cl_int CL_API_CALL RetainDevice(cl_device_id device) {
   g_loading = 0;
-  AppendCallLog("clRetainDevice device=%u", device->object.index);
+  AppendCallLog("clRetainDevice device=%u\n", device->object.index);
   return CL_SUCCESS;
 }
 
 static cl_int CL_API_CALL ReleaseDevice(cl_device_id device) {
   g_loading = 0;
-  AppendCallLog("clReleaseDevice device=%u", device->object.index);
+  AppendCallLog("clReleaseDevice device=%u\n", device->object.index);
   return CL_SUCCESS;
 }
 
 /* clinfo probes contexts; this vendor makes none. */
 static cl_context RefuseContext(const char* function, cl_int* errcodeRet) {
   g_loading = 0;
-  AppendCallLog("%s result=%d", function, CL_DEVICE_NOT_AVAILABLE);
+  AppendCallLog("%s result=%d\n", function, CL_DEVICE_NOT_AVAILABLE);
   if (errcodeRet != NULL) *errcodeRet = CL_DEVICE_NOT_AVAILABLE;
   return NULL;
 }
 
 typedef void(CL_CALLBACK* ContextNotify)(const char*, const void*, size_t, void*);
 
-static cl_context CL_API_CALL CreateContext(const cl_context_properties* properties __attribute__((unused)),
-                                            cl_uint deviceCount __attribute__((unused)),
-                                            const cl_device_id* devices __attribute__((unused)),
-                                            ContextNotify notify __attribute__((unused)),
-                                            void* userData __attribute__((unused)), cl_int* errcodeRet) {
+static cl_context CL_API_CALL CreateContext(const cl_context_properties* properties, cl_uint deviceCount,
+                                            const cl_device_id* devices, ContextNotify notify, void* userData,
+                                            cl_int* errcodeRet) {
   return RefuseContext("clCreateContext", errcodeRet);
 }
 
-static cl_context CL_API_CALL CreateContextFromType(const cl_context_properties* properties __attribute__((unused)),
-                                                    cl_device_type type __attribute__((unused)),
-                                                    ContextNotify notify __attribute__((unused)),
-                                                    void* userData __attribute__((unused)), cl_int* errcodeRet) {
+static cl_context CL_API_CALL CreateContextFromType(const cl_context_properties* properties, cl_device_type type,
+                                                    ContextNotify notify, void* userData, cl_int* errcodeRet) {
   return RefuseContext("clCreateContextFromType", errcodeRet);
 }
 
@@ -268,25 +262,21 @@ static void* CL_API_CALL GetExtensionFunctionAddress(const char* name) {
   return name != NULL && strcmp(name, "clIcdGetPlatformIDsKHR") == 0 ? (void*)&IcdGetPlatformIDs : NULL;
 }
 
-static void Load(void) {
-  if (g_configLoaded) return;
-  g_configLoaded = 1;
-  g_dispatch.clGetPlatformIDs = IcdGetPlatformIDs;
-  g_dispatch.clGetPlatformInfo = GetPlatformInfo;
-  g_dispatch.clGetDeviceIDs = GetDeviceIDs;
-  g_dispatch.clGetDeviceInfo = GetDeviceInfo;
-  g_dispatch.clRetainDevice = RetainDevice;
-  g_dispatch.clReleaseDevice = ReleaseDevice;
-  g_dispatch.clCreateContext = CreateContext;
-  g_dispatch.clCreateContextFromType = CreateContextFromType;
-  g_dispatch.clGetExtensionFunctionAddress = GetExtensionFunctionAddress;
-  LoadConfig();
-  for (unsigned i = 0; i < g_platformCount; ++i) g_platforms[i].object.dispatch = &g_dispatch;
-  for (unsigned i = 0; i < g_deviceCount; ++i) g_devices[i].object.dispatch = &g_dispatch;
-}
+static struct _cl_icd_dispatch g_dispatch = {
+    .clGetPlatformIDs = IcdGetPlatformIDs,
+    .clGetPlatformInfo = GetPlatformInfo,
+    .clGetDeviceIDs = GetDeviceIDs,
+    .clGetDeviceInfo = GetDeviceInfo,
+    .clRetainDevice = RetainDevice,
+    .clReleaseDevice = ReleaseDevice,
+    .clCreateContext = CreateContext,
+    .clCreateContextFromType = CreateContextFromType,
+    .clGetExtensionFunctionAddress = GetExtensionFunctionAddress,
+};
 
 static cl_int CL_API_CALL IcdGetPlatformIDs(cl_uint entries, cl_platform_id* platforms, cl_uint* platformCount) {
-  Load();
+  if (!g_configLoaded) LoadConfig();
+  g_configLoaded = 1;
   g_loading = 1;
   for (unsigned i = 0; platforms != NULL && i < g_platformCount && i < entries; ++i) platforms[i] = &g_platforms[i];
   if (platformCount != NULL) *platformCount = g_platformCount;
