@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <random>
 #include <vector>
 
 #include "list_file_fixture.h"
@@ -83,6 +85,41 @@ TEST_F(ReadListFileTest, ReadsItemsAsTheWalkFindsThem) {
     const ListFile list = ReadListFile(WriteFile(c.content).c_str(), kBlackListRoot);
     EXPECT_EQ(list.outcome, ListFileOutcome::kRead) << c.what;
     EXPECT_THAT(list.items, ElementsAreArray(Keys(c.items))) << c.what;
+  }
+}
+
+// The sort goes through integer prefixes of the strings past their shared
+// start; it has to give the plain order of ClDeviceKeyLess. The strings share a
+// start, end around the prefix length and hold the extreme bytes.
+TEST(SortUnique, GivesThePlainKeyOrder) {
+  std::mt19937 random(7);
+  const auto pick = [&random](std::size_t count) { return static_cast<std::size_t>(random() % count); };
+  const uint32_t vids[] = {0, 4318, 0x80000000u};
+  const std::string starts[] = {"NVIDIA GeForce ", "NVIDIA GeForce GTX 10"};
+  const char bytes[] = {'\0', '1', 'A', 'a', '\xFF'};
+  const auto text = [&](const std::string& start) {
+    std::string result = start.substr(0, start.size() - pick(2));
+    for (std::size_t length = pick(11); length > 0; --length) {
+      result += bytes[pick(std::size(bytes))];
+    }
+    return result;
+  };
+  for (int round = 0; round < 20; ++round) {
+    std::vector<ClDeviceKey> keys;
+    for (int n = 0; n < 300; ++n) {
+      keys.push_back({vids[pick(std::size(vids))], text(starts[pick(2)]), text("OpenCL C "), text(""), text("3")});
+      if (pick(4) == 0) {
+        keys.push_back(keys[pick(keys.size())]);
+      }
+    }
+    std::vector<ClDeviceKey> expected = keys;
+    std::sort(expected.begin(), expected.end(), ClDeviceKeyLess);
+    expected.erase(std::unique(expected.begin(), expected.end(), ClDeviceKeyEqual), expected.end());
+    SortUnique(keys);
+    ASSERT_EQ(keys.size(), expected.size());
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      ASSERT_TRUE(ClDeviceKeyEqual(keys[i], expected[i])) << "round " << round << ", position " << i;
+    }
   }
 }
 

@@ -4,6 +4,9 @@
 
 #include <cstdio>
 #include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "platform/runtime_text.h"
 
@@ -11,45 +14,68 @@ namespace gpuvet {
 namespace {
 
 constexpr const char* kItemElement = "Item";
-constexpr const char* kVidElement = "VID";
-constexpr const char* kDeviceNameElement = "DeviceName";
-constexpr const char* kOpenCLCVersionElement = "OpenCLCVersion";
-constexpr const char* kDeviceVersionElement = "DeviceVersion";
-constexpr const char* kDriverVersionElement = "DriverVersion";
 
-// The text of the named field of an item: the field's first child node, when
-// that node is a text (CDATA included). Null when the field or the text is missing.
-const char* FieldText(const tinyxml2::XMLElement& item, const char* fieldName) {
-  const tinyxml2::XMLElement* field = item.FirstChildElement(fieldName);
-  if (field == nullptr) {
-    return nullptr;
+// The elements of an item's fields, in the order of the record.
+enum Field { kVid, kDeviceName, kOpenCLCVersion, kDeviceVersion, kDriverVersion, kFieldCount };
+constexpr const char* kFieldElements[kFieldCount] = {"VID", "DeviceName", "OpenCLCVersion", "DeviceVersion",
+                                                     "DriverVersion"};
+
+// The field an element of the given name holds, or kFieldCount for none. Fields
+// usually stand in the order of the record, so the search starts at the field
+// after the one found last.
+int FieldOf(const char* elementName, int likelyField) {
+  for (int offset = 0; offset < kFieldCount; ++offset) {
+    const int field = (likelyField + offset) % kFieldCount;
+    if (std::strcmp(elementName, kFieldElements[field]) == 0) {
+      return field;
+    }
   }
-  const tinyxml2::XMLNode* first = field->FirstChild();
+  return kFieldCount;
+}
+
+// The text of a field element: its first child node, when that node is a text
+// (CDATA included). Empty, the fresh value, when there is no such text.
+std::string_view FieldText(const tinyxml2::XMLElement& field) {
+  const tinyxml2::XMLNode* first = field.FirstChild();
   const tinyxml2::XMLText* text = first == nullptr ? nullptr : first->ToText();
-  return text == nullptr ? nullptr : text->Value();
+  return text == nullptr ? std::string_view() : std::string_view(text->Value());
 }
 
-void ReadTextField(const tinyxml2::XMLElement& item, const char* fieldName, std::string& target) {
-  if (const char* text = FieldText(item, fieldName)) {
-    target.assign(text);
+// Each field is found by its name, so fields stand in any order among other
+// nodes, and of a repeated field the first counts. One pass over the children
+// finds them all: a long list has no time for a search per field.
+ClDeviceKeyView ReadItem(const tinyxml2::XMLElement& item) {
+  std::string_view texts[kFieldCount];
+  bool found[kFieldCount] = {};
+  int foundCount = 0;
+  int likelyField = kVid;
+  for (const tinyxml2::XMLElement* element = item.FirstChildElement(); element != nullptr && foundCount < kFieldCount;
+       element = element->NextSiblingElement()) {
+    const int field = FieldOf(element->Name(), likelyField);
+    if (field < kFieldCount && !found[field]) {
+      found[field] = true;
+      ++foundCount;
+      texts[field] = FieldText(*element);
+      likelyField = field + 1;
+    }
   }
+  ClDeviceKeyView view;
+  // The vendor id is a decimal "%d" scan: no hexadecimal form, so "0x8086"
+  // reads as 0. The signed number is kept bit for bit. A text view ends where
+  // its text does, so the scan sees the same characters.
+  if (!texts[kVid].empty()) {
+    view.VID = static_cast<uint32_t>(platform::TextToInt(texts[kVid].data()));
+  }
+  view.DeviceName = texts[kDeviceName];
+  view.OpenCLCVersion = texts[kOpenCLCVersion];
+  view.DeviceVersion = texts[kDeviceVersion];
+  view.DriverVersion = texts[kDriverVersion];
+  return view;
 }
 
-// The vendor id is a decimal "%d" scan: no hexadecimal form, so "0x8086" reads
-// as 0. The signed number is kept bit for bit.
-uint32_t ReadVendorId(const tinyxml2::XMLElement& item) {
-  const char* text = FieldText(item, kVidElement);
-  return text == nullptr ? 0 : static_cast<uint32_t>(platform::TextToInt(text));
-}
-
-ClDeviceKey ReadItem(const tinyxml2::XMLElement& item) {
-  ClDeviceKey key;
-  key.VID = ReadVendorId(item);
-  ReadTextField(item, kDeviceNameElement, key.DeviceName);
-  ReadTextField(item, kOpenCLCVersionElement, key.OpenCLCVersion);
-  ReadTextField(item, kDeviceVersionElement, key.DeviceVersion);
-  ReadTextField(item, kDriverVersionElement, key.DriverVersion);
-  return key;
+ClDeviceKey BuildKey(const ClDeviceKeyView& view) {
+  return {view.VID, std::string(view.DeviceName), std::string(view.OpenCLCVersion), std::string(view.DeviceVersion),
+          std::string(view.DriverVersion)};
 }
 
 // The element after an item, when the very next node is one. Anything else
@@ -60,17 +86,11 @@ const tinyxml2::XMLElement* NextItem(const tinyxml2::XMLElement& item) {
   return next == nullptr ? nullptr : next->ToElement();
 }
 
-// Counted ahead, so that a long list is stored without regrowing.
-std::size_t CountItems(const tinyxml2::XMLElement* firstItem) {
-  std::size_t count = 0;
-  for (const tinyxml2::XMLElement* item = firstItem; item != nullptr; item = NextItem(*item)) {
-    ++count;
-  }
-  return count;
-}
+}  // namespace
 
-// The items in file order. The document goes when the items are read.
-ListFile ReadItems(const char* path, const char* rootName) {
+// The items are sorted and folded while their text still lies in the document,
+// so that each kept item is built once and a repeated one never.
+ListFile ReadListFile(const char* path, const char* rootName) {
   ListFile list;
   tinyxml2::XMLDocument document(true, tinyxml2::PRESERVE_WHITESPACE);
   if (document.LoadFile(path) != tinyxml2::XML_SUCCESS) {
@@ -83,20 +103,17 @@ ListFile ReadItems(const char* path, const char* rootName) {
     list.outcome = ListFileOutcome::kNotAList;
     return list;
   }
-  const tinyxml2::XMLElement* firstItem = root->FirstChildElement(kItemElement);
-  list.items.reserve(CountItems(firstItem));
-  for (const tinyxml2::XMLElement* item = firstItem; item != nullptr; item = NextItem(*item)) {
-    list.items.push_back(ReadItem(*item));
+  std::vector<ClDeviceKeyView> views;
+  for (const tinyxml2::XMLElement* item = root->FirstChildElement(kItemElement); item != nullptr;
+       item = NextItem(*item)) {
+    views.push_back(ReadItem(*item));
+  }
+  const std::vector<std::size_t> order = SortedUniqueOrder(views);
+  list.items.reserve(order.size());
+  for (const std::size_t index : order) {
+    list.items.push_back(BuildKey(views[index]));
   }
   list.outcome = ListFileOutcome::kRead;
-  return list;
-}
-
-}  // namespace
-
-ListFile ReadListFile(const char* path, const char* rootName) {
-  ListFile list = ReadItems(path, rootName);
-  SortUnique(list.items);
   return list;
 }
 
