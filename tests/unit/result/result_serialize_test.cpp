@@ -145,10 +145,12 @@ TEST_F(ResultStoreTest, ReaderTakesObjectsOnlyAndKnownKeysOfTheRightType) {
 }
 
 // The section is replaced whole and moves to the end; the other members keep
-// their place and content. The file is printed with its path; each record is
-// written with the ten keys in order, the ids unsigned.
+// their place and content, the file its permission bits, and no temporary file
+// is left. The file is printed with its path; each record is written with the
+// ten keys in order, the ids unsigned.
 TEST_F(ResultStoreTest, RecordsSurviveAWriteAndARead) {
   WriteFile(R"({"first": {"deep": [1, "two", {"x": null}]}, "GpuVet": {"Adapters": [], "keep": 1}, "last": -3})");
+  ASSERT_EQ(chmod(store.path.c_str(), 0640), 0);
   const AdapterResult record{1, -11, {0x80000001u, 0xFFFFFFFFu, "Radeon \xC3\xA9", "31.0.1", "20230607"},
                              "OpenCL C 2.0", "OpenCL 2.0 AMD-APP", "3444.0"};
   AdapterResult notUtf8;
@@ -157,6 +159,10 @@ TEST_F(ResultStoreTest, RecordsSurviveAWriteAndARead) {
   const std::string printed = Write();
   EXPECT_EQ(status, 0);
   EXPECT_EQ(printed, ReadFile() + "file:" + store.path + "\n");
+  struct stat info {};
+  ASSERT_EQ(stat(store.path.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 07777, 0640u);
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir), fs::directory_iterator()), 1);
   EXPECT_NE(ReadFile().find("\"devID\": 4294967295"), std::string::npos);
   EXPECT_NE(ReadFile().find("\"venID\": 2147483649"), std::string::npos);
   zavkit::JsonObject root = RootOfTheFile();
@@ -184,16 +190,6 @@ TEST_F(ResultStoreTest, RecordsSurviveAWriteAndARead) {
   Read(records);
   EXPECT_EQ(status, 0);  // an empty list reads as no records
   EXPECT_TRUE(records.empty());
-}
-
-TEST_F(ResultStoreTest, ReplaceKeepsPermissionBitsAndLeavesNoTemporaryFile) {
-  WriteFile("{}");
-  ASSERT_EQ(chmod(store.path.c_str(), 0640), 0);
-  Write();
-  struct stat info {};
-  ASSERT_EQ(stat(store.path.c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 07777, 0640u);
-  EXPECT_EQ(std::distance(fs::directory_iterator(dir), fs::directory_iterator()), 1);
 }
 
 // The stored verdicts stand only when every record matches the live adapter at

@@ -38,7 +38,7 @@ TEST(ParseCommandLine, FillsTheOptions) {
   } cases[] = {
       {{}, {"", "", "", false, -1, false}},
       {{"--foo", "bar", "--gpu=1", "--gp"}, {"", "", "", false, -1, false}},
-      {{"--blacklist", "B.xml", "--whitelist", "W.xml", "--gpu", "2", "--recheck", "1", "--result", "D"},
+      {{"--blacklist", "B.xml", "--whitelist", "W.xml", "--gpu", "2", "--recheck", "2", "--result", "D"},
        {"B.xml", "W.xml", "D", true, 2, false}},
       // Names ignore case, values keep it.
       {{"--NoTest", "--GPU", "3", "--BlackList", "Mixed.XML"}, {"Mixed.XML", "", "", false, 3, true}},

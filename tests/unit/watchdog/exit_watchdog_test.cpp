@@ -5,7 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <utility>
+#include <functional>
 
 #include "verdict/exit_codes.h"
 
@@ -15,10 +15,19 @@ namespace {
 constexpr const char* kTimeoutLine = "^Timeout exit:  GPUVET_NOT_IN_WHITELIST\n$";
 constexpr const char* kNothing = "^$";
 
-// The child's standard output goes where a death test looks: standard error.
-void SendOutputToErrorStream() {
+// Runs a death test's child to its end, with its standard output sent where the
+// test looks: standard error. A watchdog that fires ends the child first.
+void InChild(const std::function<void()>& body) {
   std::fflush(stdout);
   dup2(STDERR_FILENO, STDOUT_FILENO);
+  body();
+  std::exit(EXIT_SUCCESS);
+}
+
+void RunToTheEnd(int32_t exitCode, int32_t tickCount) {
+  ExitWatchdog watchdog(exitCode, tickCount);
+  watchdog.Start();
+  watchdog.thread->join();
 }
 
 // The count used up prints the line and ends the process with the watchdog's
@@ -26,17 +35,25 @@ void SendOutputToErrorStream() {
 TEST(ExitWatchdogDeathTest, FiresWithItsCodeOnceTheCountIsUsedUp) {
   // The child is a fresh run of the binary, so that it starts single-threaded.
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const std::pair<int32_t, int32_t> cases[] = {{GPUVET_NOT_IN_WHITELIST, 0}, {42, 1}};
-  for (const auto& [code, ticks] : cases) {
-    const auto runToTheEnd = [code = code, ticks = ticks] {
-      SendOutputToErrorStream();
-      ExitWatchdog watchdog(code, ticks);
-      watchdog.Start();
-      watchdog.thread->join();
-      std::exit(EXIT_SUCCESS);
-    };
-    EXPECT_EXIT(runToTheEnd(), ::testing::ExitedWithCode(code), kTimeoutLine);
-  }
+  EXPECT_EXIT(InChild([] { RunToTheEnd(GPUVET_NOT_IN_WHITELIST, 0); }),
+              ::testing::ExitedWithCode(GPUVET_NOT_IN_WHITELIST), kTimeoutLine);
+  EXPECT_EXIT(InChild([] { RunToTheEnd(42, 1); }), ::testing::ExitedWithCode(42), kTimeoutLine);
+}
+
+// Done set before the first read, or a watchdog whose destructor stops it.
+TEST(ExitWatchdogDeathTest, DoneInTimeEndsQuietly) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto doneBeforeTheFirstRead = [] {
+    ExitWatchdog watchdog(GPUVET_NOT_IN_WHITELIST, 0);
+    watchdog.done.store(true);
+    WatchdogMain(&watchdog);
+  };
+  EXPECT_EXIT(InChild(doneBeforeTheFirstRead), ::testing::ExitedWithCode(EXIT_SUCCESS), kNothing);
+  const auto leaveTheScope = [] {
+    ExitWatchdog(GPUVET_NOT_IN_WHITELIST, 1).Start();  // the destructor stops it at once
+    sleep(2);  // had the thread been left running it would fire after its tick
+  };
+  EXPECT_EXIT(InChild(leaveTheScope), ::testing::ExitedWithCode(EXIT_SUCCESS), kNothing);
 }
 
 TEST(ExitWatchdogTest, StopAfterAQuickStartEndsQuietly) {
@@ -60,30 +77,6 @@ TEST(ExitWatchdogTest, SecondStartAddsNoThreadAndKeepsDone) {
   EXPECT_EQ(watchdog.thread.get(), first);
   EXPECT_TRUE(watchdog.done.load());
   watchdog.Stop();
-}
-
-// A watchdog that sees done set ends without a word: done set before its first
-// read, or a watchdog that goes out of scope, whose destructor stops and joins it.
-TEST(ExitWatchdogDeathTest, DoneInTimeEndsQuietly) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const auto doneBeforeTheFirstRead = [] {
-    SendOutputToErrorStream();
-    ExitWatchdog watchdog(GPUVET_NOT_IN_WHITELIST, 0);
-    watchdog.done.store(true);
-    WatchdogMain(&watchdog);
-    std::exit(EXIT_SUCCESS);
-  };
-  EXPECT_EXIT(doneBeforeTheFirstRead(), ::testing::ExitedWithCode(EXIT_SUCCESS), kNothing);
-  const auto leaveTheScope = [] {
-    SendOutputToErrorStream();
-    {
-      ExitWatchdog watchdog(GPUVET_NOT_IN_WHITELIST, 1);
-      watchdog.Start();
-    }
-    sleep(2);  // had the thread been left running it would fire after its tick
-    std::exit(EXIT_SUCCESS);
-  };
-  EXPECT_EXIT(leaveTheScope(), ::testing::ExitedWithCode(EXIT_SUCCESS), kNothing);
 }
 
 }  // namespace
