@@ -138,11 +138,7 @@ const char* GpuvetBinary() {
 }
 
 const char* TestIcdLibrary() {
-#ifdef GPUVET_TEST_ICD_LIBRARY
   return GPUVET_TEST_ICD_LIBRARY;
-#else
-  return "";
-#endif
 }
 
 FixtureMachine::FixtureMachine() {

@@ -33,16 +33,9 @@ IcdDevice AmdDevice() {
   return device;
 }
 
-// The vendor id is asked twice: once for its line, once for the key.
-IcdDevice NvidiaWithUnreadableKey() {
+IcdDevice NvidiaWithFault(const IcdFault& fault) {
   IcdDevice device = NvidiaDevice();
-  device.faults.push_back({CL_DEVICE_VENDOR_ID, CL_OUT_OF_RESOURCES, 1});
-  return device;
-}
-
-IcdDevice NvidiaHeldUp() {
-  IcdDevice device = NvidiaDevice();
-  device.faults.push_back({CL_DEVICE_NAME, CL_SUCCESS, 0, kHeldUpSeconds});
+  device.faults.push_back(fault);
   return device;
 }
 
@@ -134,7 +127,8 @@ INSTANTIATE_TEST_SUITE_P(
         // Neither list is opened.
         VerdictCase{"NoFittingDevice", true, "", {{AmdDevice()}}, {ItemOf(AmdDevice())}, {kOtherItem},
                     kStatusNoPlatform, Checked("") + kNoDevice},
-        VerdictCase{"DeviceWithUnreadableKeyGetsNoRow", true, "", {{AmdDevice(), NvidiaWithUnreadableKey()}}, {}, {},
+        // The vendor id is asked twice: once for its line, once for the key.
+        VerdictCase{"DeviceWithUnreadableKeyGetsNoRow", true, "", {{AmdDevice(), NvidiaWithFault({CL_DEVICE_VENDOR_ID, CL_OUT_OF_RESOURCES, 1})}}, {}, {},
                     kStatusNoPlatform,
                     "\t\tvender_id: 10de\n\t\topencl_c_version: OpenCL C 1.2 \n"
                     "\t\tdevice_extensions: cl_khr_fp64 cl_khr_icd\nexception: 0\n\n\n" +
@@ -161,7 +155,7 @@ INSTANTIATE_TEST_SUITE_P(
         VerdictCase{"WhiteListedWithoutIndex", false, "2018-01-01", {{NvidiaDevice()}}, {}, {ItemOf(NvidiaDevice())},
                     kStatusOk, "check before in white list end\n\n" + kOk},
         // The watchdog ends a run held up in the census, wherever it stands.
-        VerdictCase{"HeldUpRunTimesOut", true, "2018-01-01", {{NvidiaHeldUp()}}, {}, {}, kStatusNotInWhiteList,
+        VerdictCase{"HeldUpRunTimesOut", true, "2018-01-01", {{NvidiaWithFault({CL_DEVICE_NAME, CL_SUCCESS, 0, kHeldUpSeconds})}}, {}, {}, kStatusNotInWhiteList,
                     kTimeoutLine}),
     [](const auto& info) { return std::string(info.param.name); });
 
