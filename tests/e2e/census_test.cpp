@@ -14,6 +14,7 @@ namespace {
 
 using ::testing::HasSubstr;
 using ::testing::Not;
+using ::testing::StartsWith;
 
 constexpr const char* kClinfo = "/usr/bin/clinfo";
 
@@ -115,9 +116,9 @@ TEST_F(CensusTest, PrintsEveryPlatformAndDeviceInOrder) {
                 Turn(2, third) + "\n\nno test!\n");
 
   // The loader's own queries at load time are not in the log: it starts with the census's own first call.
-  const std::vector<IcdCall> calls = ReadIcdCallLog(machine_);
+  const std::vector<std::string> calls = ReadIcdCallLog(machine_);
   ASSERT_FALSE(calls.empty());
-  EXPECT_EQ(calls.front().function, "clGetDeviceIDs");
+  EXPECT_THAT(calls.front(), StartsWith("clGetDeviceIDs "));
   EXPECT_EQ(CountCalls(calls, "clRetainDevice"), 3u);
   EXPECT_TRUE(DeviceReferencesBalanced(calls));
   EXPECT_EQ(CountCalls(calls, "clCreateContext"), 0u);
@@ -153,9 +154,9 @@ TEST_P(CensusFaultTest, EndsTheTurnOfThePlatform) {
   EXPECT_EQ(Census(), "\n--details\n" + Turn(0, failing, param.piecesShown) + "exception: 0\n" +
                           Turn(1, config.platforms[1]) + "\n\nno test!\n");
 
-  const std::vector<IcdCall> calls = ReadIcdCallLog(machine_);
-  for (const IcdCall& call : calls) {
-    EXPECT_FALSE(call.function == "clGetDeviceInfo" && call.fields.at("device") == "2") << "visited: " << call.line;
+  const std::vector<std::string> calls = ReadIcdCallLog(machine_);
+  for (const std::string& call : calls) {
+    EXPECT_THAT(call, Not(StartsWith("clGetDeviceInfo device=2 "))) << "a device after the failing one was visited";
   }
   EXPECT_TRUE(DeviceReferencesBalanced(calls));
 }

@@ -38,29 +38,19 @@ inline IcdDevice NvidiaDevice() {
   return device;
 }
 
-struct ListItem {
-  uint32_t vid;
-  std::string name, cVersion, deviceVersion, driverVersion;
-};
-
 inline std::string TrimBlanks(const std::string& text) {
   const std::size_t first = text.find_first_not_of(' ');
   return first == std::string::npos ? "" : text.substr(first, text.find_last_not_of(' ') - first + 1);
 }
 
-// The list item that names this device exactly.
-inline ListItem ItemOf(const IcdDevice& device) {
-  return {device.vendorId, TrimBlanks(device.name), TrimBlanks(device.openClCVersion), TrimBlanks(device.version),
-          TrimBlanks(device.driverVersion)};
-}
-
-// A black list (root "BlackList") or white list (root "WhiteList") file.
-inline std::string ListFileText(const std::string& root, const std::vector<ListItem>& items) {
+// A black list (root "BlackList") or white list (root "WhiteList") that names these devices exactly.
+inline std::string ListFileText(const std::string& root, const std::vector<IcdDevice>& devices) {
   std::string text = "<?xml version=\"1.0\"?>\n<" + root + ">";
-  for (const ListItem& item : items) {
-    text += "<Item><VID>" + std::to_string(item.vid) + "</VID><DeviceName>" + item.name +
-            "</DeviceName><OpenCLCVersion>" + item.cVersion + "</OpenCLCVersion><DeviceVersion>" +
-            item.deviceVersion + "</DeviceVersion><DriverVersion>" + item.driverVersion + "</DriverVersion></Item>";
+  for (const IcdDevice& device : devices) {
+    text += "<Item><VID>" + std::to_string(device.vendorId) + "</VID><DeviceName>" + TrimBlanks(device.name) +
+            "</DeviceName><OpenCLCVersion>" + TrimBlanks(device.openClCVersion) + "</OpenCLCVersion><DeviceVersion>" +
+            TrimBlanks(device.version) + "</DeviceVersion><DriverVersion>" + TrimBlanks(device.driverVersion) +
+            "</DriverVersion></Item>";
   }
   return text + "</" + root + ">\n";
 }

@@ -18,10 +18,10 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 
 std::string ListFile(const std::string& root, const std::string& deviceName) {
-  ListItem item = ItemOf(NvidiaDevice());
-  item.name = deviceName;
-  item.driverVersion = "535";
-  return ListFileText(root, {item});
+  IcdDevice listed = NvidiaDevice();
+  listed.name = deviceName;
+  listed.driverVersion = "535";
+  return ListFileText(root, {listed});
 }
 
 nlohmann::ordered_json ReadJson(const std::string& path) {

@@ -1,7 +1,9 @@
 #include "test_icd_config.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
+#include <map>
 #include <sstream>
 
 namespace gpuvet::e2e {
@@ -68,18 +70,11 @@ void UseTestIcd(FixtureMachine& machine, const IcdConfig& config) {
   machine.SetEnv("OCL_ICD_PLATFORM_SORT", "none");
 }
 
-std::vector<IcdCall> ReadIcdCallLog(const FixtureMachine& machine) {
-  std::vector<IcdCall> calls;
+std::vector<std::string> ReadIcdCallLog(const FixtureMachine& machine) {
+  std::vector<std::string> calls;
   std::ifstream log(machine.PathOf(kCallLogFile));
   for (std::string line; std::getline(log, line);) {
-    IcdCall& call = calls.emplace_back();
-    call.line = line;
-    std::istringstream words(line);
-    words >> call.function;
-    for (std::string word; words >> word;) {
-      const std::size_t equals = word.find('=');
-      call.fields[word.substr(0, equals)] = equals == std::string::npos ? "" : word.substr(equals + 1);
-    }
+    calls.push_back(line);
   }
   return calls;
 }
@@ -88,25 +83,21 @@ void ClearIcdCallLog(const FixtureMachine& machine) {
   std::remove(machine.PathOf(kCallLogFile).c_str());
 }
 
-std::size_t CountCalls(const std::vector<IcdCall>& calls, const std::string& function) {
-  std::size_t count = 0;
-  for (const IcdCall& call : calls) {
-    count += call.function == function ? 1 : 0;
-  }
-  return count;
+std::size_t CountCalls(const std::vector<std::string>& calls, const std::string& function) {
+  return std::count_if(calls.begin(), calls.end(),
+                       [&function](const std::string& call) { return call.rfind(function + " ", 0) == 0; });
 }
 
-bool DeviceReferencesBalanced(const std::vector<IcdCall>& calls) {
-  std::map<std::string, int> changes;
-  for (const IcdCall& call : calls) {
-    if (call.function == "clRetainDevice" || call.function == "clReleaseDevice") {
-      changes[call.fields.at("device")] += call.function == "clRetainDevice" ? 1 : -1;
-    }
+bool DeviceReferencesBalanced(const std::vector<std::string>& calls) {
+  std::map<std::string, int> changes;  // by "device=N"
+  for (const std::string& call : calls) {
+    std::istringstream words(call);
+    std::string function;
+    std::string device;
+    words >> function >> device;
+    changes[device] += function == "clRetainDevice" ? 1 : function == "clReleaseDevice" ? -1 : 0;
   }
-  for (const auto& [device, change] : changes) {
-    if (change != 0) return false;
-  }
-  return true;
+  return std::all_of(changes.begin(), changes.end(), [](const auto& change) { return change.second == 0; });
 }
 
 }  // namespace gpuvet::e2e

@@ -12,7 +12,6 @@
 #include <CL/cl_ext.h>
 
 #include <cstdint>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -62,19 +61,13 @@ struct IcdConfig {
 // Registers the vendor as "gpuvet_test" with this config and its call log.
 void UseTestIcd(FixtureMachine& machine, const IcdConfig& config);
 
-// One logged call: "clGetDeviceInfo device=1 param=0x102b size=0 result=0".
-struct IcdCall {
-  std::string function;
-  std::map<std::string, std::string> fields;  // "device" -> "1", ...
-  std::string line;
-};
-
-// The calls of every run since the last clear, oldest first; none when no run made one.
-std::vector<IcdCall> ReadIcdCallLog(const FixtureMachine& machine);
+// The calls of every run since the last clear, oldest first, one line each:
+// "clGetDeviceInfo device=1 param=0x102b size=0 result=0". None when no run made one.
+std::vector<std::string> ReadIcdCallLog(const FixtureMachine& machine);
 void ClearIcdCallLog(const FixtureMachine& machine);
 
-std::size_t CountCalls(const std::vector<IcdCall>& calls, const std::string& function);
+std::size_t CountCalls(const std::vector<std::string>& calls, const std::string& function);
 // True when every device was released as often as it was retained.
-bool DeviceReferencesBalanced(const std::vector<IcdCall>& calls);
+bool DeviceReferencesBalanced(const std::vector<std::string>& calls);
 
 }  // namespace gpuvet::e2e

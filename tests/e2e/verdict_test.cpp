@@ -23,8 +23,7 @@ std::string Checked(const std::string& deviceName) {
   return "check platforms begin\n    check---dx[%A][7040], cl[" + deviceName + "] \ncheck platforms end\n\n";
 }
 
-const std::string kNvidiaName = ItemOf(NvidiaDevice()).name;
-const ListItem kOtherItem{0x1002, "Ellesmere", "", "", ""};
+const std::string kNvidiaName = TrimBlanks(NvidiaDevice().name);
 
 IcdDevice AmdDevice() {
   IcdDevice device = NvidiaDevice();
@@ -44,7 +43,7 @@ struct VerdictCase {
   bool withGpuIndex;
   std::string kernelDate;  // "": no driver bound, the lookup fails and the date is "2012"
   std::vector<std::vector<IcdDevice>> platforms;
-  std::vector<ListItem> black, white;  // none: no path for that list
+  std::vector<IcdDevice> black, white;  // the devices listed; none: no path for that list
   int status;
   std::string tail;
 };
@@ -125,7 +124,7 @@ INSTANTIATE_TEST_SUITE_P(
         VerdictCase{"NoPlatformWithoutIndex", false, "", {}, {}, {}, kStatusNoPlatform,
                     "\n\n\ngpuvet begin\nnum_platforms: 0\nno platform!\n"},
         // Neither list is opened.
-        VerdictCase{"NoFittingDevice", true, "", {{AmdDevice()}}, {ItemOf(AmdDevice())}, {kOtherItem},
+        VerdictCase{"NoFittingDevice", true, "", {{AmdDevice()}}, {AmdDevice()}, {AmdDevice()},
                     kStatusNoPlatform, Checked("") + kNoDevice},
         // The vendor id is asked twice: once for its line, once for the key.
         VerdictCase{"DeviceWithUnreadableKeyGetsNoRow", true, "", {{AmdDevice(), NvidiaWithFault({CL_DEVICE_VENDOR_ID, CL_OUT_OF_RESOURCES, 1})}}, {}, {},
@@ -136,23 +135,23 @@ INSTANTIATE_TEST_SUITE_P(
         // Without a gpu index the check line names the adapter twice, and two
         // equal cards in two platforms are one row of the table.
         VerdictCase{"WithoutIndexTheWholeTableIsTested", false, "2018-01-01",
-                    {{NvidiaDevice(), NvidiaDevice()}, {NvidiaDevice()}}, {kOtherItem}, {}, kStatusOk,
+                    {{NvidiaDevice(), NvidiaDevice()}, {NvidiaDevice()}}, {AmdDevice()}, {}, kStatusOk,
                     Checked("%A") + "check before in black list start\ncheck_list: 1, black_list: 1. intersection: 0\n"
                                     "check before in black list end\n\n" + kOk},
         VerdictCase{"OldDriverWithoutIndex", false, "", {{NvidiaDevice()}}, {}, {}, kStatusOldDriver,
                     Checked("%A") + kOld},
         // The black list ends the test before the white list would miss on an old driver.
-        VerdictCase{"BlackListHit", true, "", {{NvidiaDevice()}}, {ItemOf(NvidiaDevice())}, {kOtherItem},
+        VerdictCase{"BlackListHit", true, "", {{NvidiaDevice()}}, {NvidiaDevice()}, {AmdDevice()},
                     kStatusInBlackList, "check before in black list end\n\nin blacklist!\n"},
-        VerdictCase{"BlackListHitWithoutIndex", false, "", {{NvidiaDevice()}}, {ItemOf(NvidiaDevice())}, {kOtherItem},
+        VerdictCase{"BlackListHitWithoutIndex", false, "", {{NvidiaDevice()}}, {NvidiaDevice()}, {AmdDevice()},
                     kStatusInBlackList, "check before in black list end\n\nin blacklist!\n"},
-        VerdictCase{"WhiteListMiss", true, "2018-01-01", {{NvidiaDevice()}}, {}, {kOtherItem}, kStatusNotInWhiteList,
+        VerdictCase{"WhiteListMiss", true, "2018-01-01", {{NvidiaDevice()}}, {}, {AmdDevice()}, kStatusNotInWhiteList,
                     "check before in white list end\n\n" + kNotListed},
-        VerdictCase{"WhiteListMissWithOldDriver", true, "", {{NvidiaDevice()}}, {}, {kOtherItem},
+        VerdictCase{"WhiteListMissWithOldDriver", true, "", {{NvidiaDevice()}}, {}, {AmdDevice()},
                     kStatusNotInWhiteListOldDriver, "check before in white list end\n\n" + kNotListed + "& " + kOld},
-        VerdictCase{"WhiteListMissWithoutIndex", false, "2018-01-01", {{NvidiaDevice()}}, {}, {kOtherItem},
+        VerdictCase{"WhiteListMissWithoutIndex", false, "2018-01-01", {{NvidiaDevice()}}, {}, {AmdDevice()},
                     kStatusNotInWhiteList, "check before in white list end\n\n" + kNotListed},
-        VerdictCase{"WhiteListedWithoutIndex", false, "2018-01-01", {{NvidiaDevice()}}, {}, {ItemOf(NvidiaDevice())},
+        VerdictCase{"WhiteListedWithoutIndex", false, "2018-01-01", {{NvidiaDevice()}}, {}, {NvidiaDevice()},
                     kStatusOk, "check before in white list end\n\n" + kOk},
         // The watchdog ends a run held up in the census, wherever it stands.
         VerdictCase{"HeldUpRunTimesOut", true, "2018-01-01", {{NvidiaWithFault({CL_DEVICE_NAME, CL_SUCCESS, 0, kHeldUpSeconds})}}, {}, {}, kStatusNotInWhiteList,
