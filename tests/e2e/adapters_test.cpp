@@ -11,32 +11,16 @@ namespace gpuvet::e2e {
 namespace {
 
 using ::testing::HasSubstr;
-using ::testing::MatchesRegex;
 using ::testing::Not;
 using ::testing::StartsWith;
 
 constexpr const char* kUsage =
     "gpuvet.exe\ngpuvet.exe [--notest] [--details] [--blankrun] [--recheck] [--result][--help]\n";
 
-// The adapter lines of a run's output: the list block and the selection's copy.
-std::vector<std::string> AdapterLines(const std::string& out) {
-  std::vector<std::string> lines;
-  for (const std::string& line : Lines(out)) {
-    if (line.rfind("   ", 0) == 0 && line.find(", device_id :0x") != std::string::npos) {
-      lines.push_back(line);
-    }
-  }
-  return lines;
-}
-
-// "vendor:device" in lower-case hex, as lspci shows the ids.
-std::string IdsOfLine(const std::string& adapterLine) {
-  unsigned device = 0;
-  unsigned vendor = 0;
-  std::sscanf(adapterLine.c_str() + adapterLine.find(", device_id :0x"), ", device_id :0x%X, vendor_id:0x%X", &device,
-              &vendor);
-  char ids[16];
-  std::snprintf(ids, sizeof ids, "%04x:%04x", vendor, device);
+// The ids as an adapter line shows them.
+std::string IdsOf(const PciFixtureDevice& device) {
+  char ids[64];
+  std::snprintf(ids, sizeof ids, ", device_id :0x%04X, vendor_id:0x%04X  ", device.deviceId, device.vendorId);
   return ids;
 }
 
@@ -54,30 +38,27 @@ TEST_F(AdaptersTest, ListsDisplayAdaptersInPciAddressOrderLikeLspci) {
   machine_.AddPciDevice(kAmdAdapter);
   machine_.AddPciDevice({"0000:05:00.0", 0x030000, 0x1234, 0x2330});  // ids unknown to the database
 
-  const RunResult result = machine_.RunGpuvet({"--gpu", "4"});
-  const std::vector<std::string> lines = AdapterLines(result.out);
 
-  // Display adapters (class 03xx) as lspci shows them: their ids, and their names without the ids.
+  // The display adapters (class 03xx) as lspci shows them: ids from -nn, names from the plain listing.
   const std::vector<std::string> numeric = Lines(machine_.Run({"/usr/bin/lspci", "-mm", "-nn"}).out);
   const std::vector<std::string> named = Lines(machine_.Run({"/usr/bin/lspci", "-mm"}).out);
   static const std::regex numericEntry(R"re(^\S+ "[^"]*\[03..\]" "[^"]*\[(\w{4})\]" "[^"]*\[(\w{4})\]")re");
   static const std::regex namedEntry(R"re(^\S+ "[^"]*" "[^"]*" "([^"]*)")re");
-  std::vector<std::pair<std::string, std::string>> expected;
+  std::vector<std::string> expected;  // no driver: empty version and date
   for (std::size_t i = 0; i < numeric.size() && i < named.size(); ++i) {
     std::smatch ids;
     std::smatch name;
     if (std::regex_search(numeric[i], ids, numericEntry) && std::regex_search(named[i], name, namedEntry)) {
-      expected.emplace_back(ids.str(1) + ":" + ids.str(2), name.str(1));
+      const PciFixtureDevice shown{"", 0, static_cast<uint32_t>(std::stoul(ids.str(1), nullptr, 16)),
+                                   static_cast<uint32_t>(std::stoul(ids.str(2), nullptr, 16))};
+      expected.push_back("   " + name.str(1) + IdsOf(shown) + "ver:  date:\n");
     }
   }
   ASSERT_EQ(expected.size(), 5u) << "lspci saw other devices than the fixture's";
-  ASSERT_EQ(lines.size(), expected.size() + 1);  // the list, then the selection's copy of the last
-  for (std::size_t i = 0; i < expected.size(); ++i) {
-    EXPECT_EQ(IdsOfLine(lines[i]), expected[i].first);
-    EXPECT_THAT(lines[i], StartsWith("   " + expected[i].second + ", device_id :0x"));
-    EXPECT_THAT(lines[i], MatchesRegex("   .+, device_id :0x[0-9A-F]{4}, vendor_id:0x[0-9A-F]{4}  ver:.*  date:.*"));
-  }
-  EXPECT_EQ(lines.back(), lines[4]);
+
+  const RunResult result = machine_.RunGpuvet({"--gpu", "4"});
+  EXPECT_THAT(result.out, HasSubstr(expected[0] + expected[1] + expected[2] + expected[3] + expected[4] +
+                                    "\nAdapter: 4\n" + expected[4]));
   EXPECT_EQ(result.status, kStatusNoPlatform);
 }
 
@@ -86,7 +67,7 @@ struct SelectionCase {
   std::vector<PciFixtureDevice> devices;
   std::vector<std::string> args;
   std::string indexLine;
-  std::string selected;  // the ids of the selected adapter, or the selection's error line
+  std::string selected;  // the IdsOf the selected adapter, or the selection's error line
 };
 
 void PrintTo(const SelectionCase& selectionCase, std::ostream* out) {
@@ -105,28 +86,26 @@ TEST_P(SelectionTest, SelectsTheExpectedAdapter) {
   const auto indexLine = std::find(lines.begin(), lines.end(), param.indexLine);
   ASSERT_NE(indexLine, lines.end()) << result.out;
   ASSERT_NE(indexLine + 1, lines.end());
+  EXPECT_THAT(indexLine[1], HasSubstr(param.selected));
   if (param.selected.rfind("error", 0) == 0) {
-    EXPECT_EQ(indexLine[1], param.selected);
     EXPECT_EQ(indexLine + 2, lines.end()) << "nothing follows a failed selection";
-  } else {
-    EXPECT_EQ(IdsOfLine(indexLine[1]), param.selected);
   }
   EXPECT_EQ(result.status, kStatusNoPlatform);
 }
 
-const PciFixtureDevice kSecondIntel{"0000:00:03.0", 0x030000, 0x8086, 0x3e92};
+const PciFixtureDevice kSecondIntel{"0000:00:03.0", 0x030000, 0x8086, 0x9bc5};
 const PciFixtureDevice kHostBridge{"0000:00:00.0", 0x060000, 0x8086, 0x0d57};
 
 INSTANTIATE_TEST_SUITE_P(
     Selections, SelectionTest,
     ::testing::Values(
-        SelectionCase{"IntelFirstPicksTheNext", {kIntelAdapter, kAmdAdapter, kNvidiaAdapter}, {}, "Adapter: -1", "1002:67df"},
-        SelectionCase{"OnlyIntelPicksTheFirst", {kIntelAdapter, kSecondIntel}, {}, "Adapter: -1", "8086:3e92"},
+        SelectionCase{"IntelFirstPicksTheNext", {kIntelAdapter, kAmdAdapter, kNvidiaAdapter}, {}, "Adapter: -1", IdsOf(kAmdAdapter)},
+        SelectionCase{"OnlyIntelPicksTheFirst", {kIntelAdapter, kSecondIntel}, {}, "Adapter: -1", IdsOf(kIntelAdapter)},
         SelectionCase{"NoDisplayAdapterFails", {kHostBridge}, {}, "Adapter: -1", "error  index [-1] infos.size[0]"},
-        SelectionCase{"IndexZeroTakesIntel", {kIntelAdapter, kAmdAdapter}, {"--gpu", "0"}, "Adapter: 0", "8086:3e92"},
-        SelectionCase{"NegativeIndexActsAsNone", {kIntelAdapter, kAmdAdapter}, {"--GPU", "-5"}, "Adapter: -5", "1002:67df"},
-        SelectionCase{"NonNumberIsIndexZero", {kIntelAdapter, kAmdAdapter}, {"--gpu", "abc"}, "Adapter: 0", "8086:3e92"},
-        SelectionCase{"LastIndexSelectsTheLast", {kIntelAdapter, kAmdAdapter}, {"--gpu", "1"}, "Adapter: 1", "1002:67df"},
+        SelectionCase{"IndexZeroTakesIntel", {kIntelAdapter, kAmdAdapter}, {"--gpu", "0"}, "Adapter: 0", IdsOf(kIntelAdapter)},
+        SelectionCase{"NegativeIndexActsAsNone", {kIntelAdapter, kAmdAdapter}, {"--GPU", "-5"}, "Adapter: -5", IdsOf(kAmdAdapter)},
+        SelectionCase{"NonNumberIsIndexZero", {kIntelAdapter, kAmdAdapter}, {"--gpu", "abc"}, "Adapter: 0", IdsOf(kIntelAdapter)},
+        SelectionCase{"LastIndexSelectsTheLast", {kIntelAdapter, kAmdAdapter}, {"--gpu", "1"}, "Adapter: 1", IdsOf(kAmdAdapter)},
         SelectionCase{"IndexEqualToCountFails", {kIntelAdapter, kAmdAdapter}, {"--gpu", "2"}, "Adapter: 2",
                       "error  index [2] infos.size[2]"},
         SelectionCase{"IndexBeyondRangeSaturatesAndFails", {kAmdAdapter}, {"--gpu", "99999999999"},

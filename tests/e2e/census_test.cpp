@@ -12,6 +12,7 @@
 namespace gpuvet::e2e {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
@@ -77,6 +78,7 @@ class CensusTest : public ::testing::Test {
   FixtureMachine machine_;
 };
 
+// Each --details prints the whole block again.
 TEST_F(CensusTest, PrintsEveryPlatformAndDeviceInOrder) {
   IcdDevice amd = Gpu("Radeon RX 480", 0x1002);
   amd.version = "OpenCL 2.0 AMD-APP (2639.5)";
@@ -93,33 +95,37 @@ TEST_F(CensusTest, PrintsEveryPlatformAndDeviceInOrder) {
   config.platforms = {PlatformWith({amd}), PlatformWith({cpu}, "cpu platform"), third};
   UseTestIcd(machine_, config);
 
+  const RunResult run = machine_.RunGpuvet({"--details", "--details", "--notest"});
+
   // The platform without a GPU shows only its exception line, and counts.
-  EXPECT_EQ(Census(),
-            "\n--details\n"
-            "\n===0=============\n"
-            "\nplatform[0, P], GPU Device(s) cnt = 1\n"
-            "\tprofile: FULL_PROFILE\n"
-            "\tversion: OpenCL 3.0 Test\n"
-            "\tname: gpuvet test platform\n"
-            "\tvender: gpuvet tests\n"
-            "\ticdkhr: TEST\n"
-            "\textension: cl_khr_icd\n"
-            "\t\t===0\n"
-            "\t\tdevice_type: 4\n"
-            "\t\tdevice_name: Radeon RX 480\n"
-            "\t\tdevice_version: OpenCL 2.0 AMD-APP (2639.5)\n"
-            "\t\tdriver_version: 2639.5\n"
-            "\t\tvender_id: 1002\n"
-            "\t\topencl_c_version: OpenCL C 2.0 \n"
-            "\t\tdevice_extensions: cl_khr_icd cl_amd_fp64\n"
-            "exception: 1\n" +
-                Turn(2, third) + "\n\nno test!\n");
+  const std::string block =
+      "\n--details\n"
+      "\n===0=============\n"
+      "\nplatform[0, P], GPU Device(s) cnt = 1\n"
+      "\tprofile: FULL_PROFILE\n"
+      "\tversion: OpenCL 3.0 Test\n"
+      "\tname: gpuvet test platform\n"
+      "\tvender: gpuvet tests\n"
+      "\ticdkhr: TEST\n"
+      "\textension: cl_khr_icd\n"
+      "\t\t===0\n"
+      "\t\tdevice_type: 4\n"
+      "\t\tdevice_name: Radeon RX 480\n"
+      "\t\tdevice_version: OpenCL 2.0 AMD-APP (2639.5)\n"
+      "\t\tdriver_version: 2639.5\n"
+      "\t\tvender_id: 1002\n"
+      "\t\topencl_c_version: OpenCL C 2.0 \n"
+      "\t\tdevice_extensions: cl_khr_icd cl_amd_fp64\n"
+      "exception: 1\n" +
+      Turn(2, third) + "\n\n";
+  EXPECT_EQ(WithoutHandles(run.out), block + block + "no test!\n");
+  EXPECT_EQ(run.status, kStatusNoTest);
 
   // The loader's own queries at load time are not in the log: it starts with the census's own first call.
   const std::vector<std::string> calls = ReadIcdCallLog(machine_);
   ASSERT_FALSE(calls.empty());
   EXPECT_THAT(calls.front(), StartsWith("clGetDeviceIDs "));
-  EXPECT_EQ(CountCalls(calls, "clRetainDevice"), 3u);
+  EXPECT_EQ(CountCalls(calls, "clRetainDevice"), 6u);
   EXPECT_TRUE(DeviceReferencesBalanced(calls));
   EXPECT_EQ(CountCalls(calls, "clCreateContext"), 0u);
 }
@@ -186,29 +192,14 @@ TEST_F(CensusTest, TextValuesPrintAsOpenClGivesThemUpToTheFirstNul) {
   config.platforms[0].vendor = std::string(" vendor\0cut off ", 16);
   UseTestIcd(machine_, config);
 
+  IcdPlatform shown = config.platforms[0];  // blanks kept, texts cut at the first NUL
+  shown.vendor = " vendor";
+  shown.devices[0].driverVersion = "535.1";
+
   const std::string out = Census();
 
-  for (const char* line : {"\tvender:  vendor\n", "\t\tdevice_name:   GeForce  GTX \n", "\t\tdriver_version: 535.1\n",
-                           "\t\tdevice_extensions: \tcl_khr_fp64\t\n", "\t\tvender_id: 0001\n",
-                           "\t\tvender_id: 12345\n", "\t\tvender_id: 8086\n", "\t\tdevice_name: \n"}) {
-    EXPECT_THAT(out, HasSubstr(line));
-  }
-  EXPECT_THAT(out, Not(HasSubstr("hidden")));
-  EXPECT_THAT(out, Not(HasSubstr("cut off")));
-}
-
-TEST_F(CensusTest, EachDetailsOptionPrintsTheBlockAgain) {
-  IcdConfig config;
-  config.platforms.push_back(PlatformWith({Gpu("GeForce"), Gpu("GeForce")}));
-  UseTestIcd(machine_, config);
-
-  const RunResult run = machine_.RunGpuvet({"--details", "--details", "--notest"});
-
-  const std::string block = "\n--details\n" + Turn(0, config.platforms[0]) + "\n\n";
-  EXPECT_EQ(WithoutHandles(run.out), block + block + "no test!\n");
-  EXPECT_EQ(run.status, kStatusNoTest);
-  EXPECT_EQ(CountCalls(ReadIcdCallLog(machine_), "clRetainDevice"), 4u);
-  EXPECT_TRUE(DeviceReferencesBalanced(ReadIcdCallLog(machine_)));
+  EXPECT_EQ(out, "\n--details\n" + Turn(0, shown) + "\n\nno test!\n");
+  EXPECT_THAT(out, AllOf(HasSubstr("\t\tvender_id: 0001\n"), HasSubstr("\t\tvender_id: 12345\n")));
 }
 
 TEST_F(CensusTest, NoVendorAtAllEndsTheDetailsInAnOrderlyWay) {

@@ -1,22 +1,20 @@
 /*
- * gpuvet_test_icd: an OpenCL vendor library for the tests.
- *
- * The ICD loader finds it through OCL_ICD_VENDORS. Its platforms and devices
- * come from the file named by GPUVET_TEST_ICD_CONFIG, a list of statements:
+ * gpuvet_test_icd: an OpenCL vendor library for the tests, found by the ICD
+ * loader through OCL_ICD_VENDORS. Its platforms and devices come from the file
+ * named by GPUVET_TEST_ICD_CONFIG, a list of statements:
  *
  *   platform                     starts the next platform
  *   device                       starts the next device of the last platform
- *   info PARAM HEX               the answer to a query, its bytes in hex (a text
- *                                carries its closing NUL)
- *   fault PARAM CODE SKIP SLEEP  the first SKIP matching calls pass, every later
- *                                one sleeps SLEEP seconds and answers CODE
- *                                (CL_SUCCESS: the usual answer); PARAM 0 on a
- *                                platform is its clGetDeviceIDs
+ *   info PARAM HEX               answers a query of the last device (or of the
+ *                                platform before its first device): the bytes
+ *                                in hex, a text with its closing NUL
+ *   fault PARAM CODE SKIP SLEEP  past the first SKIP matching calls, each one
+ *                                sleeps and answers CODE (CL_SUCCESS: as usual);
+ *                                PARAM 0 on a platform is its clGetDeviceIDs
  *
- * info and fault belong to the last device, or to the last platform before its
- * first device. Every call of the program under test is appended as one line to
- * the file named by GPUVET_TEST_ICD_CALL_LOG; the loader's own queries while it
- * loads the vendor are neither logged nor failed.
+ * Every call of the program under test goes as one line to the file named by
+ * GPUVET_TEST_ICD_CALL_LOG; the loader's own queries while it loads the vendor
+ * are neither logged nor failed.
  */
 #define CL_TARGET_OPENCL_VERSION 300
 #include <CL/cl_icd.h>
@@ -42,8 +40,7 @@ struct icd_info {
 struct icd_fault {
   cl_uint param;
   cl_int code;
-  unsigned skip;
-  unsigned sleepSeconds;
+  unsigned skip, sleepSeconds;
   unsigned calls; /* matching calls seen so far */
 };
 
@@ -53,9 +50,8 @@ struct icd_object {
   unsigned index; /* among the objects of its kind, from 0 */
   struct icd_object* platform; /* a device's platform */
   struct icd_info infos[kMaxInfos];
-  unsigned infoCount;
   struct icd_fault faults[kMaxFaults];
-  unsigned faultCount;
+  unsigned infoCount, faultCount;
 };
 
 struct _cl_platform_id {
@@ -68,9 +64,8 @@ struct _cl_device_id {
 
 static struct _cl_icd_dispatch g_dispatch; /* filled in below, once its entries are defined */
 static struct _cl_platform_id g_platforms[kMaxPlatforms];
-static unsigned g_platformCount;
 static struct _cl_device_id g_devices[kMaxDevices];
-static unsigned g_deviceCount;
+static unsigned g_platformCount, g_deviceCount;
 static struct icd_object* g_current; /* where info and fault statements go */
 static int g_configLoaded;
 /* Set while the loader loads the vendor: it asks each platform for
