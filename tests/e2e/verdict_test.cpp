@@ -151,6 +151,8 @@ INSTANTIATE_TEST_SUITE_P(
                     kStatusNotInWhiteListOldDriver, "check before in white list end\n\n" + kNotListed + "& " + kOld},
         VerdictCase{"WhiteListMissWithoutIndex", false, "2018-01-01", {{NvidiaDevice()}}, {}, {AmdDevice()},
                     kStatusNotInWhiteList, "check before in white list end\n\n" + kNotListed},
+        VerdictCase{"WhiteListMissWithOldDriverWithoutIndex", false, "", {{NvidiaDevice()}}, {}, {AmdDevice()},
+                    kStatusNotInWhiteListOldDriver, "check before in white list end\n\n" + kNotListed + "& " + kOld},
         VerdictCase{"WhiteListedWithoutIndex", false, "2018-01-01", {{NvidiaDevice()}}, {}, {NvidiaDevice()},
                     kStatusOk, "check before in white list end\n\n" + kOk},
         // The watchdog ends a run held up in the census, wherever it stands.
