@@ -13,7 +13,8 @@ report=$build/report.md
   echo "## List files: each list test against the XML parse of the same file alone"
   echo
   echo '```'
-  "$build/bench/gpuvet_bench_lists" --benchmark_min_time=0.2 2>&1
+  "$build/bench/gpuvet_bench_lists" --benchmark_repetitions=5 --benchmark_enable_random_interleaving=true \
+    --benchmark_report_aggregates_only=true 2>&1
   echo '```'
   echo
   echo "## Whole runs"
