@@ -4,6 +4,7 @@
 #include <array>
 #include <cstring>
 #include <iterator>
+#include <utility>
 
 namespace gpuvet {
 
@@ -121,6 +122,83 @@ EntryOrder CompareEntries(const SortEntry& a, const SortEntry& b) {
   return EntryOrder::kEqual;
 }
 
+bool EntryLess(const std::vector<ClDeviceKeyView>& views, const SortEntry& a, const SortEntry& b) {
+  const EntryOrder order = CompareEntries(a, b);
+  return order == EntryOrder::kUndecided ? KeyLess(views[a.index], views[b.index]) : order == EntryOrder::kLess;
+}
+
+// The leading part of an entry's order in one integer, small enough for a radix
+// sort: the vendor id, then the first four bytes of the device name's prefix.
+struct LeadEntry {
+  uint64_t lead;
+  uint32_t index;  // of the entry
+};
+
+constexpr int kLeadBytes = 8;
+constexpr std::size_t kRadix = 256;
+constexpr int kVidShift = 32;  // the vendor id takes the upper half of a lead
+
+uint64_t LeadOf(const SortEntry& entry) {
+  return (static_cast<uint64_t>(entry.VID) << kVidShift) | (entry.prefixes[0] >> kVidShift);
+}
+
+// The entries sorted by lead alone: least significant byte first, a counting
+// pass each, skipping the bytes in which no two leads differ (in a real list
+// most are: few vendors, names that share their start).
+std::vector<LeadEntry> SortedByLead(const std::vector<SortEntry>& entries) {
+  std::vector<LeadEntry> sorted(entries.size());
+  uint64_t differing = 0;
+  for (std::size_t index = 0; index < entries.size(); ++index) {
+    sorted[index] = {LeadOf(entries[index]), static_cast<uint32_t>(index)};
+    differing |= sorted[index].lead ^ sorted.front().lead;
+  }
+  std::vector<LeadEntry> scratch(entries.size());
+  for (int byte = 0; byte < kLeadBytes; ++byte) {
+    const int shift = byte * kBitsPerByte;
+    if (((differing >> shift) & kByteMask) == 0) {
+      continue;
+    }
+    std::array<std::size_t, kRadix> starts{};
+    for (const LeadEntry& entry : sorted) {
+      ++starts[(entry.lead >> shift) & kByteMask];
+    }
+    std::size_t start = 0;
+    for (std::size_t& bucket : starts) {
+      start += std::exchange(bucket, start);
+    }
+    for (const LeadEntry& entry : sorted) {
+      scratch[starts[(entry.lead >> shift) & kByteMask]++] = entry;
+    }
+    sorted.swap(scratch);
+  }
+  return sorted;
+}
+
+// The entries in the order of their keys: by lead first, then each run of
+// equal leads, short in a real list, by the full entry order. A comparison sort
+// of the whole list spent its time moving entries and comparing equal vendors.
+std::vector<SortEntry> SortedEntries(const std::vector<SortEntry>& entries,
+                                     const std::vector<ClDeviceKeyView>& views) {
+  const std::vector<LeadEntry> byLead = SortedByLead(entries);
+  std::vector<SortEntry> sorted;
+  sorted.reserve(entries.size());
+  for (const LeadEntry& entry : byLead) {
+    sorted.push_back(entries[entry.index]);
+  }
+  const auto less = [&views](const SortEntry& a, const SortEntry& b) { return EntryLess(views, a, b); };
+  for (std::size_t runStart = 0; runStart < byLead.size();) {
+    std::size_t runEnd = runStart + 1;
+    while (runEnd < byLead.size() && byLead[runEnd].lead == byLead[runStart].lead) {
+      ++runEnd;
+    }
+    if (runEnd - runStart > 1) {
+      std::sort(sorted.begin() + runStart, sorted.begin() + runEnd, less);
+    }
+    runStart = runEnd;
+  }
+  return sorted;
+}
+
 ClDeviceKeyView ViewOf(const ClDeviceKey& key) {
   return {key.VID, key.DeviceName, key.OpenCLCVersion, key.DeviceVersion, key.DriverVersion};
 }
@@ -154,10 +232,7 @@ std::vector<std::size_t> SortedUniqueOrder(const std::vector<ClDeviceKeyView>& v
       entry.prefixes[field] = OrderPrefix(views[index].*kStringFieldsInOrder[field], shared[field]);
     }
   }
-  std::sort(entries.begin(), entries.end(), [&views](const SortEntry& a, const SortEntry& b) {
-    const EntryOrder order = CompareEntries(a, b);
-    return order == EntryOrder::kUndecided ? KeyLess(views[a.index], views[b.index]) : order == EntryOrder::kLess;
-  });
+  entries = SortedEntries(entries, views);
 
   // Sorted neighbours are equal when their entries say so, or cannot tell and the views are.
   order.reserve(entries.size());
