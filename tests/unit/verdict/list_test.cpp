@@ -138,6 +138,7 @@ TEST(SortUnique, GivesThePlainKeyOrder) {
   std::mt19937 random(7);
   const auto pick = [&random](std::size_t count) { return static_cast<std::size_t>(random() % count); };
   const char bytes[] = {'\0', '1', 'A', 'a', '\xFF'};
+  const uint32_t vendors[] = {0x1, 0x8086, 0x10de, 0x10de01, 0x80000000u};  // differing in each byte
   const auto text = [&](const std::string& start) {  // the start, perhaps less its last byte, and up to ten bytes
     std::string result = start.substr(0, start.size() - pick(2));
     for (std::size_t length = pick(11); length > 0; --length) {
@@ -148,7 +149,7 @@ TEST(SortUnique, GivesThePlainKeyOrder) {
   for (int round = 0; round < 20; ++round) {
     std::vector<ClDeviceKey> keys;
     for (int n = 0; n < 300; ++n) {
-      keys.push_back({pick(2) ? 4318u : 0x80000000u, text(pick(2) ? "NVIDIA GeForce " : "NVIDIA GeForce GTX 10"),
+      keys.push_back({vendors[pick(std::size(vendors))], text(pick(2) ? "NVIDIA GeForce " : "NVIDIA GeForce GTX 10"),
                       text("OpenCL C "), text(""), text("3")});
       keys.push_back(keys[pick(keys.size())]);
     }
