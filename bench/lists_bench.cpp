@@ -133,22 +133,13 @@ void BM_ParseOnly(benchmark::State& state) {
   state.SetComplexityN(state.range(0));
 }
 
-void BM_IsInBlackList(benchmark::State& state) {
-  const std::string path = Files().Get("BlackList", static_cast<int>(state.range(0)));
+// One list test on a generated list file of state.range(0) items.
+void BM_ListTest(benchmark::State& state, bool (*listTest)(const char*, int32_t), const char* root) {
+  const std::string path = Files().Get(root, static_cast<int>(state.range(0)));
   PopulateDeviceTable();
   SilencedStdout silenced;
   for (auto _ : state) {
-    benchmark::DoNotOptimize(gpuvet::IsInBlackList(path.c_str(), kNoGpuIndex));
-  }
-  state.SetComplexityN(state.range(0));
-}
-
-void BM_IsInWhiteList(benchmark::State& state) {
-  const std::string path = Files().Get("WhiteList", static_cast<int>(state.range(0)));
-  PopulateDeviceTable();
-  SilencedStdout silenced;
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(gpuvet::IsInWhiteList(path.c_str(), kNoGpuIndex));
+    benchmark::DoNotOptimize(listTest(path.c_str(), kNoGpuIndex));
   }
   state.SetComplexityN(state.range(0));
 }
@@ -163,8 +154,8 @@ void Sizes(benchmark::internal::Benchmark* family) {
 }
 
 BENCHMARK(BM_ParseOnly)->Apply(Sizes);
-BENCHMARK(BM_IsInBlackList)->Apply(Sizes);
-BENCHMARK(BM_IsInWhiteList)->Apply(Sizes);
+BENCHMARK_CAPTURE(BM_ListTest, IsInBlackList, gpuvet::IsInBlackList, "BlackList")->Apply(Sizes);
+BENCHMARK_CAPTURE(BM_ListTest, IsInWhiteList, gpuvet::IsInWhiteList, "WhiteList")->Apply(Sizes);
 
 // One load of the largest file before any timing: the allocator then serves the
 // big file buffer the same way for every benchmark, whichever runs first.
