@@ -12,7 +12,7 @@
 #include "print.h"
 #include "result_serialize.h"
 #include "run_options.h"
-#include "verdict/exit_codes.h"
+#include "exit_codes.h"
 #include "verdict/run_verdict.h"
 
 namespace gpuvet {
@@ -86,12 +86,10 @@ int32_t RunSequence(int argc, char** argv) {
   return runCode;
 }
 
-}  // namespace
-
 // An exception that nothing below caught ends the run here, after the watchdog
 // has been stopped by the unwinding: an OpenCL error can only be the platform
 // list failing, anything else is a refusal like a timed-out run.
-int32_t GpuvetMain(int argc, char** argv) {
+int32_t RunCatching(int argc, char** argv) {
   try {
     return RunSequence(argc, argv);
   } catch (const cl::Error&) {
@@ -106,13 +104,26 @@ int32_t GpuvetMain(int argc, char** argv) {
   }
 }
 
+}  // namespace
+
+// Vendor libraries run inside the process: whatever way of ending it they take
+// gives the refusal of a timed-out run, never a pass.
+int32_t GpuvetMain(int argc, char** argv) {
+  platform::GuardProcessEnd(GPUVET_NOT_IN_WHITELIST);
+  const int32_t runCode = RunCatching(argc, argv);
+  platform::AllowProcessEnd();
+  return runCode;
+}
+
 void OnInvalidParameter() {
   Print("_invalid_parameter\n");
+  platform::AllowProcessEnd();
   std::exit(GPUVET_INVALID_PARAMETER);
 }
 
 void OnPureCall() {
   Print("In _purecall_handler.\n");
+  platform::AllowProcessEnd();
   std::exit(GPUVET_PURE_CALL);
 }
 

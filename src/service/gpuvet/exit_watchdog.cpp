@@ -9,6 +9,28 @@ namespace gpuvet {
 namespace {
 
 constexpr std::chrono::seconds kTick{1};
+// How long the timeout line may take to go out before the process ends without it.
+constexpr std::chrono::milliseconds kLineGrace{500};
+constexpr std::chrono::milliseconds kLinePoll{10};
+
+// The line goes out on a thread of its own: standard output may be blocked, by
+// a host that stopped reading or by the main thread stuck in a write under the
+// stream's lock, and the bound must hold whatever it does.
+void PrintTimeoutLine() {
+  const auto printed = std::make_shared<std::atomic<bool>>(false);
+  try {
+    std::thread([printed] {
+      Print("Timeout exit:  GPUVET_NOT_IN_WHITELIST\n");
+      printed->store(true);
+    }).detach();
+  } catch (...) {
+    return;  // no thread, no line
+  }
+  const auto deadline = std::chrono::steady_clock::now() + kLineGrace;
+  while (!printed->load() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(kLinePoll);
+  }
+}
 
 }  // namespace
 
@@ -51,7 +73,7 @@ void WatchdogMain(ExitWatchdog* watchdog) {
   if (watchdog->done.load()) {
     return;
   }
-  Print("Timeout exit:  GPUVET_NOT_IN_WHITELIST\n");
+  PrintTimeoutLine();
   // The process ends here, on this thread, without running exit handlers, so the
   // main thread never meets destroyed process-wide objects.
   platform::ExitProcessNow(watchdog->exitCode);

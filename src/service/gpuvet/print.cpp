@@ -10,6 +10,9 @@ int Print(const char* format, ...) {
   va_start(args, format);
   const int written = std::vprintf(format, args);
   va_end(args);
+  // A host reads the log through a pipe as the run goes on, and a run that
+  // ends abnormally must not take its last lines with it.
+  std::fflush(stdout);
   return written;
 }
 

@@ -1,34 +1,18 @@
+// The result store: the records of the live adapters and the reuse of a verdict.
 #include "result_serialize.h"
 
 #include <algorithm>
-#include <optional>
 
 #include "opencl/cl_device_key.h"
 #include "opencl/match_cl_device.h"
 #include "platform/file_path.h"
-#include "print.h"
 
 namespace gpuvet {
 namespace {
 
-using zavkit::JsonValue;
-
 constexpr const char* kResultFileName = "gpuvet.json";
-constexpr const char* kSectionKey = "GpuVet";
-constexpr const char* kAdaptersKey = "Adapters";
-
-// The source path and the numbers in the reader's and the writer's lines are
-// fixed texts of those lines: hosts match them as they stand.
-constexpr const char* kSourcePath = "src/service/gpuvet/result_serialize";
-constexpr int kParseFailedLine = 159;
-constexpr int kNoRootLine = 167;
-constexpr int kSaveFailedLine = 130;
-// The root as it was read goes to the log without indentation.
-constexpr int32_t kLogDumpIndent = 0;
-
 constexpr int32_t kOk = 0;
 constexpr int32_t kFailed = -1;
-constexpr int32_t kSectionFailed = -3;
 
 // SaveAdapterResults asks for the search in ClDeviceTable: only the sign of
 // the selector counts, so 0 is no adapter number.
@@ -36,93 +20,7 @@ constexpr int32_t kSearchDeviceTable = 0;
 constexpr int32_t kMatched = 0;
 constexpr int32_t kCheckedNow = 1;
 
-const char* MessageOf(const zavkit::JsonException& error) {
-  return error.Message() != nullptr ? error.Message() : "unknown exception";
-}
-
-// A member of another type than its field reads as absent: the field keeps
-// what it had. Integers of either kind serve, since a parsed number that is
-// not negative is unsigned whatever kind it was written with.
-bool IsInteger(const JsonValue& value) {
-  return value.Tag() == zavkit::kJsonInt || value.Tag() == zavkit::kJsonUint;
-}
-void ReadUnsigned(const JsonValue& value, uint32_t& field) {
-  if (IsInteger(value)) {
-    field = value.AsUint();
-  }
-}
-void ReadSigned(const JsonValue& value, int32_t& field) {
-  if (IsInteger(value)) {
-    field = value.AsInt();
-  }
-}
-void ReadText(const JsonValue& value, std::string& field) {
-  if (value.Tag() == zavkit::kJsonString) {
-    field = value.AsString();
-  }
-}
-
-// The ids are written unsigned, widened with zeros; the two verdict numbers
-// signed, widened with their sign.
-void WriteUnsigned(JsonValue& value, uint32_t field) {
-  value.Clear();
-  value.SetUint(field);
-}
-void WriteSigned(JsonValue& value, int32_t field) {
-  value.Clear();
-  value.SetInt(field);
-}
-
-// The ten members of an adapter object, in the order they are written.
-struct AdapterField {
-  const char* key;
-  void (*read)(const JsonValue& value, AdapterResult& record);
-  void (*write)(JsonValue& value, const AdapterResult& record);
-};
-
-const AdapterField kAdapterFields[] = {
-    {"devID", [](const JsonValue& v, AdapterResult& r) { ReadUnsigned(v, r.adapter.devID); },
-     [](JsonValue& v, const AdapterResult& r) { WriteUnsigned(v, r.adapter.devID); }},
-    {"venID", [](const JsonValue& v, AdapterResult& r) { ReadUnsigned(v, r.adapter.venID); },
-     [](JsonValue& v, const AdapterResult& r) { WriteUnsigned(v, r.adapter.venID); }},
-    {"devName", [](const JsonValue& v, AdapterResult& r) { ReadText(v, r.adapter.devName); },
-     [](JsonValue& v, const AdapterResult& r) { v.Set(r.adapter.devName); }},
-    {"strDrvVer", [](const JsonValue& v, AdapterResult& r) { ReadText(v, r.adapter.strDrvVer); },
-     [](JsonValue& v, const AdapterResult& r) { v.Set(r.adapter.strDrvVer); }},
-    {"strDrvDate", [](const JsonValue& v, AdapterResult& r) { ReadText(v, r.adapter.strDrvDate); },
-     [](JsonValue& v, const AdapterResult& r) { v.Set(r.adapter.strDrvDate); }},
-    {"clCVersion", [](const JsonValue& v, AdapterResult& r) { ReadText(v, r.clCVersion); },
-     [](JsonValue& v, const AdapterResult& r) { v.Set(r.clCVersion); }},
-    {"clDevVersion", [](const JsonValue& v, AdapterResult& r) { ReadText(v, r.clDevVersion); },
-     [](JsonValue& v, const AdapterResult& r) { v.Set(r.clDevVersion); }},
-    {"clDrvVersion", [](const JsonValue& v, AdapterResult& r) { ReadText(v, r.clDrvVersion); },
-     [](JsonValue& v, const AdapterResult& r) { v.Set(r.clDrvVersion); }},
-    {"checkResult", [](const JsonValue& v, AdapterResult& r) { ReadSigned(v, r.checkResult); },
-     [](JsonValue& v, const AdapterResult& r) { WriteSigned(v, r.checkResult); }},
-    {"checked", [](const JsonValue& v, AdapterResult& r) { ReadSigned(v, r.checked); },
-     [](JsonValue& v, const AdapterResult& r) { WriteSigned(v, r.checked); }},
-};
-
-// Names are compared byte for byte, case counting; unknown members are passed over.
-AdapterResult ReadAdapterObject(const zavkit::JsonObject& object) {
-  AdapterResult record;
-  for (const zavkit::JsonMember member : object) {
-    const std::string name = member.Name();
-    for (const AdapterField& field : kAdapterFields) {
-      if (name == field.key) {
-        field.read(member, record);
-      }
-    }
-  }
-  return record;
-}
-
 }  // namespace
-
-bool AdapterEntryEqual(const AdapterEntry& a, const AdapterEntry& b) {
-  return a.devID == b.devID && a.venID == b.venID && a.devName == b.devName && a.strDrvVer == b.strDrvVer &&
-         a.strDrvDate == b.strDrvDate;
-}
 
 std::string ResultSerialize::BuildPath(const std::string& dir) {
   return platform::JoinPath(dir.substr(0, dir.find('\0')), kResultFileName);
@@ -186,100 +84,6 @@ int32_t ResultSerialize::Update(const AdapterResult& record) {
   if (record.checked != 0) {
     stored.checked = record.checked;
     stored.checkResult = record.checkResult;
-  }
-  return kOk;
-}
-
-int32_t ResultSerialize::ReadConfig(const std::string& path, std::vector<AdapterResult>& records) {
-  try {
-    return ParseResults(path, records);
-  } catch (const zavkit::JsonException& error) {
-    Print("ResultSerialize::ReadConfig: %s\n", MessageOf(error));
-  }
-  return kFailed;
-}
-
-int32_t ResultSerialize::ParseResults(const std::string& path, std::vector<AdapterResult>& records) {
-  records.clear();
-  zavkit::JsonDoc doc;
-  if (doc.ParseFile(path) == kFailed) {
-    Print("%s %d parse failed: %s [%d]\n", kSourcePath, kParseFailedLine, path.c_str(), kFailed);
-    return kFailed;
-  }
-  std::optional<zavkit::JsonObject> root;
-  doc.Root().Get(root);
-  if (!root) {
-    Print("%s %d nullptr == root\n", kSourcePath, kNoRootLine);
-    return kFailed;
-  }
-  // The whole file goes to the log, also what belongs to others.
-  std::string dump;
-  doc.Root().PrettyDump(dump, kLogDumpIndent);
-  Print("%s\n", dump.c_str());
-
-  const std::optional<zavkit::JsonMember> section = root->Find(kSectionKey);
-  if (!section || section->Tag() != zavkit::kJsonObject) {
-    return kFailed;
-  }
-  const std::optional<zavkit::JsonMember> adapters = section->AsObject().Find(kAdaptersKey);
-  if (!adapters || adapters->Tag() != zavkit::kJsonArray) {
-    return kFailed;
-  }
-  for (const zavkit::JsonElem element : adapters->AsArray()) {
-    if (element.Tag() != zavkit::kJsonObject) {
-      continue;  // gives no record
-    }
-    records.push_back(ReadAdapterObject(element.AsObject()));
-  }
-  return kOk;
-}
-
-int32_t ResultSerialize::AddResult() const {
-  try {
-    return save_result();
-  } catch (const zavkit::JsonException& error) {
-    Print("ResultSerialize::AddResult: %s\n", MessageOf(error));
-  }
-  return kFailed;
-}
-
-// The file is read afresh, so that the members of others that stand in it now
-// are kept; a file that can't be read, or whose root is no object, is dropped.
-int32_t ResultSerialize::save_result() const {
-  zavkit::JsonDoc doc;
-  const int32_t parsed = doc.ParseFile(path);
-  std::optional<zavkit::JsonObject> root;
-  if (parsed != kFailed && doc.Root().Tag() == zavkit::kJsonObject) {
-    root = doc.Root().AsObject();
-  } else {
-    root = doc.Root().MakeEmptyObject();
-  }
-  const int32_t status = WriteSection(*root, results);
-  if (status != kOk) {
-    Print("%s %d.error ! save gpu setting failed :%d\n", "ResultSerialize::save_result", kSaveFailedLine, status);
-    return kSectionFailed;
-  }
-  // A failed write goes unnoticed here: the next run finds the old file, or none.
-  doc.PrettyDumpFile(path);
-  std::string dump;
-  doc.PrettyDump(dump);
-  Print("%s\n", dump.c_str());
-  Print("file:%s\n", path.c_str());
-  return kOk;
-}
-
-// Nothing of an old section survives, also no member unknown to the tool.
-int32_t ResultSerialize::WriteSection(zavkit::JsonObject& root, const std::vector<AdapterResult>& results) {
-  root.Erase(kSectionKey);
-  zavkit::JsonObject section = root.Add(kSectionKey).MakeEmptyObject();
-  zavkit::JsonArray adapters = section.Add(kAdaptersKey).MakeEmptyArray();
-  for (const AdapterResult& record : results) {
-    zavkit::JsonObject object;
-    for (const AdapterField& field : kAdapterFields) {
-      zavkit::JsonMember member = object.Add(field.key);
-      field.write(member, record);
-    }
-    adapters.Add().Set(object);
   }
   return kOk;
 }

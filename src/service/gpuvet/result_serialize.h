@@ -53,8 +53,6 @@ class ResultSerialize {
   std::vector<AdapterResult>::const_iterator RecordOf(const AdapterEntry& adapter) const;
 };
 
-bool AdapterEntryEqual(const AdapterEntry& a, const AdapterEntry& b);
-
 // After a test: fresh OpenCL strings for every adapter with a device, the run
 // code for the tested one, then the file is written. Always 0.
 int32_t SaveAdapterResults(ResultSerialize& store, const AdapterList& adapters, int32_t gpuIndex,

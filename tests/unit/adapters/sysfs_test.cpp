@@ -14,7 +14,7 @@
 
 #include "platform/linux/sysfs_driver_rows.h"
 
-namespace platform::sysfs {
+namespace gpuvet::platform::sysfs {
 namespace {
 
 namespace fs = std::filesystem;
@@ -205,4 +205,4 @@ TEST(KernelBuildDateTest, ReadsBothFormsOfTheVersionText) {
 }
 
 }  // namespace
-}  // namespace platform::sysfs
+}  // namespace gpuvet::platform::sysfs

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "opencl/match_cl_device.h"
-#include "verdict/exit_codes.h"
+#include "exit_codes.h"
 
 namespace gpuvet {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-namespace platform {
+namespace gpuvet::platform {
 namespace {
 
 TEST(TextToInt, ReadsLikeTheRuntime) {
@@ -21,4 +21,4 @@ TEST(TextToInt, ReadsLikeTheRuntime) {
 }
 
 }  // namespace
-}  // namespace platform
+}  // namespace gpuvet::platform

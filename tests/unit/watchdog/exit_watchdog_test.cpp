@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <functional>
 
-#include "verdict/exit_codes.h"
+#include "exit_codes.h"
 
 namespace gpuvet {
 namespace {

@@ -6,6 +6,9 @@
 
 namespace gpuvet {
 
+// PCI vendor ids the tool treats in a way of their own.
+constexpr uint32_t kIntelVendorId = 0x8086;
+
 // One display adapter, a plain value copied whole.
 struct AdapterEntry {
   uint32_t venID = 0;
@@ -17,6 +20,9 @@ struct AdapterEntry {
 
 // The adapter list; its index is the number that --gpu gives.
 using AdapterList = std::vector<AdapterEntry>;
+
+// All five fields equal: ids as numbers, strings byte for byte, case counting.
+bool AdapterEntryEqual(const AdapterEntry& a, const AdapterEntry& b);
 
 // The line that shows one adapter, in the adapter list and for the selection.
 void PrintAdapterLine(const AdapterEntry& entry);

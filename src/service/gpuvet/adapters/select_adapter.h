@@ -6,8 +6,6 @@
 
 namespace gpuvet {
 
-constexpr uint32_t kIntelVendorId = 0x8086;
-
 // Chooses the adapter that the run tests: the one at gpuIndex, or without an
 // index the first adapter that is not Intel's. 0 when selected, -1 when not.
 int32_t SelectAdapter(int32_t gpuIndex, const AdapterList& adapters, AdapterEntry& selected);

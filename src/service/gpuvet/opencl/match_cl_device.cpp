@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string>
 
-#include "verdict/exit_codes.h"
+#include "exit_codes.h"
 
 namespace gpuvet {
 namespace {

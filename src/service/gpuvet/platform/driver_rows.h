@@ -6,7 +6,7 @@
 
 // The machine's rows of video controller data, one per display adapter, from
 // which the driver lookup takes a driver version and date.
-namespace platform {
+namespace gpuvet::platform {
 
 struct DriverRow {
   std::optional<std::string> caption;
@@ -18,4 +18,4 @@ struct DriverRow {
 // Fills rows with a fresh read of the machine. False when no rows can be had.
 bool QueryDriverRows(std::vector<DriverRow>& rows);
 
-}  // namespace platform
+}  // namespace gpuvet::platform

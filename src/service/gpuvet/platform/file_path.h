@@ -3,10 +3,10 @@
 #include <string>
 
 // How the tool names a file inside a directory.
-namespace platform {
+namespace gpuvet::platform {
 
 // The directory text, the platform's separator and the file name, joined as
 // they stand: a separator at the end of the directory is not looked for.
 std::string JoinPath(const std::string& directory, const std::string& fileName);
 
-}  // namespace platform
+}  // namespace gpuvet::platform

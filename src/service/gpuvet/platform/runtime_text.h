@@ -4,7 +4,7 @@
 #include <string>
 
 // The runtime library's text operations the command line relies on.
-namespace platform {
+namespace gpuvet::platform {
 
 // Compares two option names ignoring case (ASCII). 0 when equal. A null argument
 // goes to the invalid parameter handler, which ends the process.
@@ -21,4 +21,4 @@ void StorePathValue(const char* value, std::string& target);
 // The longest path value, in bytes, that the tool accepts.
 constexpr std::size_t kMaxPathValueBytes = 2047;
 
-}  // namespace platform
+}  // namespace gpuvet::platform

@@ -7,6 +7,8 @@
 #include <string>
 #include <utility>
 
+#include <nlohmann/json.hpp>
+
 // The JSON operations of the base library that the result file is read and
 // written with. Values are handles into a document's tree: a handle stays valid
 // while its document lives and the object or array that holds it gains or loses
@@ -25,16 +27,9 @@ enum JsonTag : int32_t {
   kJsonObject = 103,
 };
 
-// What the JSON operations throw when asked for a kind that a value is not.
-class JsonException {
- public:
-  explicit JsonException(std::string message) : message_(std::make_shared<std::string>(std::move(message))) {}
-  // The message text; null for an exception without one.
-  const char* Message() const { return message_ ? message_->c_str() : nullptr; }
-
- private:
-  std::shared_ptr<const std::string> message_;
-};
+// What the JSON operations throw: the base of every error of the JSON library
+// beneath them, so that one guard catches them all.
+using JsonException = nlohmann::json::exception;
 
 class JsonObject;
 class JsonArray;
@@ -176,8 +171,11 @@ class JsonDoc {
   JsonDoc& operator=(const JsonDoc&) = delete;
 
   // Reads and parses the file into the root. -1 when the file can't be read or
-  // parsed, 0 otherwise.
+  // parsed, or is refused for a limit; 0 otherwise.
   int32_t ParseFile(const std::string& path);
+  // True when the last ParseFile refused the file for its size or nesting
+  // depth: such a file may hold a host's data and is never to be replaced.
+  bool RefusedForLimit() const { return refusedForLimit_; }
   // Replaces the file with the document as indented text. -1 on failure.
   int32_t PrettyDumpFile(const std::string& path) const;
   // The same text into the string. Always 0.
@@ -188,6 +186,7 @@ class JsonDoc {
  private:
   struct Tree;
   std::unique_ptr<Tree> tree_;
+  bool refusedForLimit_ = false;
 };
 
 }  // namespace zavkit

@@ -4,10 +4,15 @@
 
 #include "opencl/cl_device_key.h"
 
+namespace tinyxml2 {
+class XMLElement;
+}
+
 namespace gpuvet {
 
 constexpr const char* kBlackListRoot = "BlackList";
 constexpr const char* kWhiteListRoot = "WhiteList";
+constexpr const char* kItemElement = "Item";
 
 // What reading a list file came to; each list test acts on it in its own way.
 enum class ListFileOutcome {
@@ -23,9 +28,17 @@ struct ListFile {
 };
 
 // Reads the items of the list file at path whose root element is named rootName.
-// The items are the run of sibling elements that starts at the root's first
-// "Item" and ends at the first node that is not an element; a field an item
-// lacks keeps its fresh value.
 ListFile ReadListFile(const char* path, const char* rootName);
+
+// The steps of the reading, one item at a time. The items are the run of
+// sibling elements that starts at the root's first "Item" and ends at the first
+// node that is not an element: a comment or a text between two items ends the
+// list, and an element of another name after the first item is an item too.
+const tinyxml2::XMLElement* FirstItem(const tinyxml2::XMLElement& root);
+const tinyxml2::XMLElement* NextItem(const tinyxml2::XMLElement& item);
+// The key an item stands for. Each field is the first child element of its
+// name; a field that is missing, or whose first child is no text, keeps its
+// fresh value. VID is a decimal number: "0x10de" reads as 0.
+ClDeviceKey ReadItem(const tinyxml2::XMLElement& item);
 
 }  // namespace gpuvet

@@ -10,7 +10,7 @@
 #include "print.h"
 #include "run_options.h"
 #include "verdict/black_list.h"
-#include "verdict/exit_codes.h"
+#include "exit_codes.h"
 #include "verdict/white_list.h"
 
 namespace gpuvet {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "adapters/select_adapter.h"
+#include "adapters/adapter_entry.h"
 #include "opencl/cl_device_key.h"
 #include "print.h"
 #include "verdict/list_file.h"

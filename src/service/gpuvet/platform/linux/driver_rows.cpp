@@ -11,7 +11,7 @@
 
 #include "platform/linux/sysfs_driver_rows.h"
 
-namespace platform::sysfs {
+namespace gpuvet::platform::sysfs {
 namespace {
 
 // "YYYYMMDD000000.000000-000": the form in which Windows gives a driver date.
@@ -219,12 +219,12 @@ bool ReadDriverRows(const DriverRowRoots& roots, std::vector<DriverRow>& rows) {
   return true;
 }
 
-}  // namespace platform::sysfs
+}  // namespace gpuvet::platform::sysfs
 
-namespace platform {
+namespace gpuvet::platform {
 
 bool QueryDriverRows(std::vector<DriverRow>& rows) {
   return sysfs::ReadDriverRows(sysfs::DriverRowRoots{}, rows);
 }
 
-}  // namespace platform
+}  // namespace gpuvet::platform

@@ -1,9 +1,9 @@
 #include "platform/file_path.h"
 
-namespace platform {
+namespace gpuvet::platform {
 
 std::string JoinPath(const std::string& directory, const std::string& fileName) {
   return directory + "/" + fileName;
 }
 
-}  // namespace platform
+}  // namespace gpuvet::platform

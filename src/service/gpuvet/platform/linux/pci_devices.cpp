@@ -12,7 +12,7 @@ extern "C" {
 #include <fstream>
 #include <memory>
 
-namespace platform::sysfs {
+namespace gpuvet::platform::sysfs {
 namespace {
 
 struct PciAccessDeleter {
@@ -103,4 +103,4 @@ std::optional<std::vector<PciDisplayDevice>> ListDisplayDevices(const std::strin
   return devices;
 }
 
-}  // namespace platform::sysfs
+}  // namespace gpuvet::platform::sysfs

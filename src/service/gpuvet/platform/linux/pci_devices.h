@@ -8,7 +8,7 @@
 
 // The PCI display adapters that sysfs shows, shared by the adapter list and the
 // driver rows.
-namespace platform::sysfs {
+namespace gpuvet::platform::sysfs {
 
 constexpr const char* kPciDevicesDir = "/sys/bus/pci/devices";
 // class >> 16 of a display controller: VGA, XGA, 3D and other display alike.
@@ -37,4 +37,4 @@ std::optional<uint32_t> ReadNumberFile(const std::string& path);
 // The device name that lspci shows for the ids, or libpci's fallback text.
 std::string LookupDeviceName(uint32_t vendorId, uint32_t deviceId);
 
-}  // namespace platform::sysfs
+}  // namespace gpuvet::platform::sysfs

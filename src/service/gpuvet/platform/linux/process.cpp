@@ -1,16 +1,29 @@
 #include "platform/process.h"
 
+#include <signal.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
-namespace platform {
+namespace gpuvet::platform {
 namespace {
 
 std::atomic<ProcessHandler> g_invalidParameterHandler{nullptr};
 std::atomic<ProcessHandler> g_pureCallHandler{nullptr};
+
+// The code that a foreign end of the process is turned into; kNotGuarded when
+// the tool itself may end the process.
+constexpr int32_t kNotGuarded = 0;
+std::atomic<int32_t> g_guardedCode{kNotGuarded};
+std::atomic<bool> g_exitHandlerInstalled{false};
+
+// The signals by which a library's fault or abort ends a process.
+constexpr int kFatalSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT};
+// Room for the handler's own stack, so that a stack overflow can still be reported.
+constexpr std::size_t kAltStackBytes = 64 * 1024;
+alignas(16) char g_altStack[kAltStackBytes];
 
 // Without a handler, a runtime failure ends the process quietly, never with an
 // abort or a core dump.
@@ -19,6 +32,56 @@ std::atomic<ProcessHandler> g_pureCallHandler{nullptr};
     installed();
   }
   std::_Exit(EXIT_FAILURE);
+}
+
+// Only async-signal-safe calls from here: the line is written straight to the
+// descriptor, with the number formatted by hand.
+void WriteText(const char* text) {
+  std::size_t length = 0;
+  while (text[length] != '\0') {
+    ++length;
+  }
+  while (length > 0) {
+    const ssize_t written = ::write(STDOUT_FILENO, text, length);
+    if (written <= 0) {
+      return;
+    }
+    text += written;
+    length -= static_cast<std::size_t>(written);
+  }
+}
+
+[[noreturn]] void EndForeign(const char* what, int number) {
+  char digits[16];
+  std::size_t count = 0;
+  do {
+    digits[count++] = static_cast<char>('0' + number % 10);
+    number /= 10;
+  } while (number > 0 && count < sizeof digits);
+  char line[64] = "exception: ";
+  std::size_t at = std::strlen(line);
+  for (const char* c = what; *c != '\0'; ++c) {
+    line[at++] = *c;
+  }
+  while (count > 0) {
+    line[at++] = digits[--count];
+  }
+  line[at++] = '\n';
+  line[at] = '\0';
+  WriteText(line);
+  ::_exit(g_guardedCode.load());
+}
+
+void OnFatalSignal(int signal) {
+  EndForeign("signal ", signal);
+}
+
+// Runs for every exit; only one that comes while the run is guarded is foreign.
+void OnExit() {
+  if (g_guardedCode.load() != kNotGuarded) {
+    WriteText("exception: exit from inside the run\n");
+    ::_exit(g_guardedCode.load());
+  }
 }
 
 }  // namespace
@@ -40,14 +103,35 @@ void ReportInvalidParameter() {
 }
 
 void ExitProcessNow(int32_t code) {
-  std::fflush(stdout);
   _exit(code);
 }
 
-}  // namespace platform
+void GuardProcessEnd(int32_t code) {
+  g_guardedCode.store(code);
+  if (!g_exitHandlerInstalled.exchange(true)) {
+    std::atexit(OnExit);
+  }
+  stack_t altStack{};
+  altStack.ss_sp = g_altStack;
+  altStack.ss_size = sizeof g_altStack;
+  ::sigaltstack(&altStack, nullptr);
+  struct sigaction action {};
+  action.sa_handler = OnFatalSignal;
+  action.sa_flags = SA_ONSTACK;
+  sigemptyset(&action.sa_mask);
+  for (const int signal : kFatalSignals) {
+    ::sigaction(signal, &action, nullptr);
+  }
+}
+
+void AllowProcessEnd() {
+  g_guardedCode.store(kNotGuarded);
+}
+
+}  // namespace gpuvet::platform
 
 // The C++ runtime calls this for a pure virtual call; the tool's handler takes it
 // instead of the runtime's terminate.
 extern "C" void __cxa_pure_virtual() {
-  platform::EndWithHandler(platform::g_pureCallHandler);
+  gpuvet::platform::EndWithHandler(gpuvet::platform::g_pureCallHandler);
 }

@@ -21,7 +21,7 @@ void Log(int32_t level, const std::string& message) {
   }
 }
 
-qdx::platform::AdapterInfo_ MakeRecord(const platform::sysfs::PciDisplayDevice& device) {
+qdx::platform::AdapterInfo_ MakeRecord(const gpuvet::platform::sysfs::PciDisplayDevice& device) {
   qdx::platform::AdapterInfo_ record{};
   // Names longer than the record holds are cut, leaving room for the closing NUL.
   const std::size_t length = std::min(device.name.size(), qdx::platform::kAdapterNameBytes - 1);
@@ -34,8 +34,8 @@ qdx::platform::AdapterInfo_ MakeRecord(const platform::sysfs::PciDisplayDevice& 
 }  // namespace
 
 std::vector<qdx::platform::AdapterInfo_> QDXGetAdapterInfos() {
-  const auto devices = platform::sysfs::ListDisplayDevices(
-      platform::sysfs::kPciDevicesDir, [](const std::string& message) { Log(kSkipMessageLevel, message); });
+  const auto devices = gpuvet::platform::sysfs::ListDisplayDevices(
+      gpuvet::platform::sysfs::kPciDevicesDir, [](const std::string& message) { Log(kSkipMessageLevel, message); });
   std::vector<qdx::platform::AdapterInfo_> records;
   if (devices) {
     std::transform(devices->begin(), devices->end(), std::back_inserter(records), MakeRecord);

@@ -5,7 +5,7 @@
 
 #include "platform/process.h"
 
-namespace platform {
+namespace gpuvet::platform {
 namespace {
 
 char AsciiLower(char c) {
@@ -66,4 +66,4 @@ void StorePathValue(const char* value, std::string& target) {
   target = value;
 }
 
-}  // namespace platform
+}  // namespace gpuvet::platform

@@ -8,7 +8,7 @@
 #include "platform/linux/pci_devices.h"
 
 // The driver rows as sysfs, the module tree and the kernel's own files show them.
-namespace platform::sysfs {
+namespace gpuvet::platform::sysfs {
 
 constexpr const char* kSysModuleDir = "/sys/module";
 constexpr const char* kLibModulesDir = "/lib/modules";
@@ -32,4 +32,4 @@ bool ReadDriverRows(const DriverRowRoots& roots, std::vector<DriverRow>& rows);
 // form is there.
 std::optional<std::string> KernelBuildDate(const std::string& versionText);
 
-}  // namespace platform::sysfs
+}  // namespace gpuvet::platform::sysfs

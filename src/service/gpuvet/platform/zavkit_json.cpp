@@ -2,23 +2,21 @@
 // new member goes to the end, and integers keep their signed or unsigned kind.
 #include "platform/zavkit_json.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstdio>
+#include <memory>
 #include <nlohmann/json.hpp>
+
+#include "platform/atomic_file.h"
 
 namespace zavkit {
 namespace {
 
 using Json = nlohmann::ordered_json;
 
-// Deeper documents are refused as unparseable. Parsing and freeing a tree do
-// not recurse, but dumping one does, one stack frame per level: without the
-// limit a file of a hundred thousand nested arrays would overflow the stack.
-// The tool's own section lies three levels below the root.
+// Deeper documents are refused as unparseable. Dumping a tree recurses, one
+// stack frame per level: without the limit a file of a hundred thousand nested
+// arrays would overflow the stack. The tool's own section lies three levels
+// below the root.
 constexpr int kMaxNestingDepth = 512;
 
 // The indentation of a whole document, in the file and in the log.
@@ -29,11 +27,8 @@ constexpr int kDocumentIndent = 4;
 // log, so that whatever is written parses again.
 constexpr Json::error_handler_t kInvalidUtf8 = Json::error_handler_t::replace;
 
-// Permission bits of a newly created file, before the process's umask.
-constexpr mode_t kNewFileMode = 0666;
-constexpr mode_t kPermissionBits = 07777;
-// Names tried for the temporary file before the write gives up.
-constexpr int kTempNameAttempts = 16;
+// A larger file is refused unread: reading it could outlast the run's bound.
+constexpr std::size_t kMaxFileBytes = 16u << 20;
 
 Json& Node(void* node) { return *static_cast<Json*>(node); }
 
@@ -45,105 +40,48 @@ struct FileCloser {
   void operator()(std::FILE* file) const { std::fclose(file); }
 };
 
-bool ReadWholeFile(const std::string& path, std::string& text) {
+enum class FileRead { kRead, kUnreadable, kTooLarge };
+
+FileRead ReadWholeFile(const std::string& path, std::string& text) {
   const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "rb"));
   if (!file) {
-    return false;
+    return FileRead::kUnreadable;
   }
   char buffer[1 << 16];
   std::size_t count = 0;
   while ((count = std::fread(buffer, 1, sizeof buffer, file.get())) > 0) {
+    if (text.size() + count > kMaxFileBytes) {
+      return FileRead::kTooLarge;
+    }
     text.append(buffer, count);
   }
-  return std::ferror(file.get()) == 0;
+  return std::ferror(file.get()) == 0 ? FileRead::kRead : FileRead::kUnreadable;
 }
 
-// Closes a descriptor it holds when it goes.
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  ~FileDescriptor() {
-    if (fd_ >= 0) {
-      ::close(fd_);
+// True when brackets outside strings nest deeper than the limit. One pass over
+// the text; what is no JSON at all is left for the parser to refuse.
+bool NestsTooDeep(const std::string& text) {
+  int depth = 0;
+  bool inString = false;
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    const char c = text[at];
+    if (inString) {
+      if (c == '\\') {
+        ++at;  // the escaped character can't end the string
+      } else if (c == '"') {
+        inString = false;
+      }
+    } else if (c == '"') {
+      inString = true;
+    } else if (c == '[' || c == '{') {
+      if (++depth > kMaxNestingDepth) {
+        return true;
+      }
+    } else if (c == ']' || c == '}') {
+      --depth;
     }
   }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-
-  int Get() const { return fd_; }
-  bool Close() {
-    const int fd = fd_;
-    fd_ = -1;
-    return ::close(fd) == 0;
-  }
-
- private:
-  int fd_;
-};
-
-bool WriteAll(int fd, const std::string& text) {
-  std::size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t written = ::write(fd, text.data() + done, text.size() - done);
-    if (written < 0 && errno == EINTR) {
-      continue;
-    }
-    if (written <= 0) {
-      return false;
-    }
-    done += static_cast<std::size_t>(written);
-  }
-  return true;
-}
-
-std::string DirectoryOf(const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  if (slash == std::string::npos) {
-    return ".";
-  }
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-// Makes the rename itself durable; a directory that refuses fsync changes nothing.
-void SyncDirectory(const std::string& directory) {
-  const FileDescriptor dir(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (dir.Get() >= 0) {
-    ::fsync(dir.Get());
-  }
-}
-
-// Writes the text to a new file beside `path` and renames it over `path`, so
-// that a run cut off at any moment leaves the old file or the new one, never a
-// torn one. A replaced file keeps its permission bits; a new one gets those of
-// a plain create. A run killed between the create and the rename leaves its
-// temporary file behind.
-int32_t ReplaceFile(const std::string& path, const std::string& text) {
-  struct stat old {};
-  const bool replacing = ::stat(path.c_str(), &old) == 0;
-
-  std::string tempPath;
-  int fd = -1;
-  for (int attempt = 0; attempt < kTempNameAttempts && fd < 0; ++attempt) {
-    tempPath = path + ".tmp-" + std::to_string(::getpid()) + "-" + std::to_string(attempt);
-    fd = ::open(tempPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kNewFileMode);
-    if (fd < 0 && errno != EEXIST) {
-      return -1;
-    }
-  }
-  if (fd < 0) {
-    return -1;
-  }
-  FileDescriptor temp(fd);
-  const bool written = WriteAll(temp.Get(), text) &&
-                       (!replacing || ::fchmod(temp.Get(), old.st_mode & kPermissionBits) == 0) &&
-                       ::fsync(temp.Get()) == 0;
-  const bool closed = temp.Close();
-  if (!written || !closed || std::rename(tempPath.c_str(), path.c_str()) != 0) {
-    ::unlink(tempPath.c_str());
-    return -1;
-  }
-  SyncDirectory(DirectoryOf(path));
-  return 0;
+  return false;
 }
 
 }  // namespace
@@ -181,14 +119,14 @@ bool JsonValue::Get(std::optional<JsonObject>& object) const {
 
 JsonObject JsonValue::AsObject() const {
   if (!Node(node_).is_object()) {
-    throw JsonException("value is not an object");
+    Node(node_).get_ref<Json::object_t&>();  // throws the library's own type error
   }
   return JsonObject(node_);
 }
 
 JsonArray JsonValue::AsArray() const {
   if (!Node(node_).is_array()) {
-    throw JsonException("value is not an array");
+    Node(node_).get_ref<Json::array_t&>();  // throws the library's own type error
   }
   return JsonArray(node_);
 }
@@ -304,21 +242,15 @@ JsonDoc::~JsonDoc() = default;
 
 int32_t JsonDoc::ParseFile(const std::string& path) {
   tree_->root = nullptr;
+  refusedForLimit_ = false;
   std::string text;
-  if (!ReadWholeFile(path, text)) {
+  const FileRead read = ReadWholeFile(path, text);
+  refusedForLimit_ = read == FileRead::kTooLarge || (read == FileRead::kRead && NestsTooDeep(text));
+  if (read != FileRead::kRead || refusedForLimit_) {
     return -1;
   }
-  bool tooDeep = false;
-  const Json::parser_callback_t limitDepth = [&tooDeep](int depth, Json::parse_event_t event, Json&) {
-    const bool opens = event == Json::parse_event_t::object_start || event == Json::parse_event_t::array_start;
-    if (opens && depth >= kMaxNestingDepth) {
-      tooDeep = true;
-      return false;  // the subtree is skipped, not built
-    }
-    return true;
-  };
-  Json parsed = Json::parse(text, limitDepth, /*allow_exceptions=*/false);
-  if (tooDeep || parsed.is_discarded()) {
+  Json parsed = Json::parse(text, nullptr, /*allow_exceptions=*/false);
+  if (parsed.is_discarded()) {
     return -1;
   }
   tree_->root = std::move(parsed);
@@ -326,9 +258,8 @@ int32_t JsonDoc::ParseFile(const std::string& path) {
 }
 
 int32_t JsonDoc::PrettyDumpFile(const std::string& path) const {
-  return ReplaceFile(path, Dump(tree_->root, kDocumentIndent) + "\n");
+  return gpuvet::platform::ReplaceFileAtomically(path, Dump(tree_->root, kDocumentIndent) + "\n");
 }
-
 int32_t JsonDoc::PrettyDump(std::string& text) const {
   text = Dump(tree_->root, kDocumentIndent);
   return 0;
