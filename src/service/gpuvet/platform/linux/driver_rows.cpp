@@ -2,34 +2,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <cstdio>
-#include <ctime>
 #include <fstream>
-#include <regex>
 
+#include "platform/linux/driver_row_text.h"
 #include "platform/linux/sysfs_driver_rows.h"
 
 namespace gpuvet::platform::sysfs {
 namespace {
-
-// "YYYYMMDD000000.000000-000": the form in which Windows gives a driver date.
-constexpr const char* kCimDateFormat = "%04d%02d%02d000000.000000-000";
-constexpr std::size_t kCimDateBytes = sizeof "YYYYMMDD000000.000000-000";
-constexpr const char* kPnpDeviceIdFormat = "PCI\\VEN_%04X&DEV_%04X&SUBSYS_%04X%04X&REV_%02X\\%s";
-constexpr int kTmYearBase = 1900;
-constexpr int kMonthsPerYear = 12;
-constexpr int kDaysPerMonthMax = 31;
-
-// A module file's name is the module's name behind one of these.
-constexpr std::array<const char*, 4> kModuleFileSuffixes = {".ko", ".ko.gz", ".ko.xz", ".ko.zst"};
-
-std::string MakeCimDate(int year, int month, int day) {
-  std::array<char, kCimDateBytes> text{};
-  std::snprintf(text.data(), text.size(), kCimDateFormat, year, month, day);
-  return text.data();
-}
 
 // The first line of a file; "" for an empty file, nullopt when it can't be read.
 std::optional<std::string> ReadFirstLine(const std::string& path) {
@@ -46,26 +26,6 @@ std::string LastPathComponent(const std::string& path) {
   return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-bool EndsWith(const std::string& text, const std::string& suffix) {
-  return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
-// Module names use '-' and '_' alike: the kernel shows either for the same module.
-std::string NormalizedModuleName(std::string name) {
-  std::replace(name.begin(), name.end(), '-', '_');
-  return name;
-}
-
-std::string ModuleNameOfFile(const std::string& path) {
-  std::string name = LastPathComponent(path);
-  const auto suffix = std::find_if(kModuleFileSuffixes.begin(), kModuleFileSuffixes.end(),
-                                   [&name](const char* candidate) { return EndsWith(name, candidate); });
-  if (suffix != kModuleFileSuffixes.end()) {
-    name.resize(name.size() - std::char_traits<char>::length(*suffix));
-  }
-  return NormalizedModuleName(name);
-}
-
 std::optional<std::string> ReadLink(const std::string& path) {
   std::array<char, PATH_MAX> target{};
   const ssize_t length = readlink(path.c_str(), target.data(), target.size() - 1);
@@ -80,20 +40,13 @@ bool PathExists(const std::string& path) {
   return lstat(path.c_str(), &status) == 0;
 }
 
-std::string PnpDeviceId(const PciDisplayDevice& device) {
+// Subsystem ids and revision count as 0 where their files are missing.
+std::string PnpDeviceIdOf(const PciDisplayDevice& device) {
   const auto numberOrZero = [&device](const char* file) {
     return ReadNumberFile(device.entryDir + "/" + file).value_or(0);
   };
-  const uint32_t subsystemDevice = numberOrZero("subsystem_device");
-  const uint32_t subsystemVendor = numberOrZero("subsystem_vendor");
-  const uint32_t revision = numberOrZero("revision");
-  const auto format = [&](char* buffer, std::size_t size) {
-    return std::snprintf(buffer, size, kPnpDeviceIdFormat, device.vendorId, device.deviceId, subsystemDevice,
-                         subsystemVendor, revision, device.address.c_str());
-  };
-  std::string text(static_cast<std::size_t>(format(nullptr, 0)), '\0');
-  format(text.data(), text.size() + 1);
-  return text;
+  return PnpDeviceId(device.vendorId, device.deviceId, numberOrZero("subsystem_device"),
+                     numberOrZero("subsystem_vendor"), numberOrZero("revision"), device.address);
 }
 
 // The module's file as modules.dep names it: the text before the first ':' of
@@ -118,11 +71,10 @@ std::optional<std::string> FindModuleFile(const std::string& releaseDir, const s
 // The UTC calendar date of the file's modification time.
 std::optional<std::string> FileDate(const std::string& path) {
   struct stat status {};
-  std::tm utc{};
-  if (stat(path.c_str(), &status) != 0 || gmtime_r(&status.st_mtime, &utc) == nullptr) {
+  if (stat(path.c_str(), &status) != 0) {
     return std::nullopt;
   }
-  return MakeCimDate(utc.tm_year + kTmYearBase, utc.tm_mon + 1, utc.tm_mday);
+  return CimDateOfTime(status.st_mtime);
 }
 
 struct DriverData {
@@ -161,44 +113,14 @@ DriverData ReadDriverData(const DriverRowRoots& roots, const PciDisplayDevice& d
       data.date = KernelBuildDate(*kernelVersion);
     }
   }
+  // A kernel that tells no build date is dated by the list of its built-in modules.
+  if (!data.date && release) {
+    data.date = FileDate(roots.libModulesDir + "/" + *release + "/modules.builtin");
+  }
   return data;
 }
 
-bool IsValidDate(int month, int day) {
-  return month >= 1 && month <= kMonthsPerYear && day >= 1 && day <= kDaysPerMonthMax;
-}
-
-int MonthNumber(const std::string& name) {
-  static const std::array<const char*, kMonthsPerYear> kMonths = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                                                  "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-  const auto found = std::find_if(kMonths.begin(), kMonths.end(), [&name](const char* month) { return name == month; });
-  return static_cast<int>(found - kMonths.begin()) + 1;
-}
-
 }  // namespace
-
-std::optional<std::string> KernelBuildDate(const std::string& versionText) {
-  static const std::regex kIsoDate(R"(\((\d{4})-(\d{2})-(\d{2})\))");
-  static const std::regex kDateText(
-      R"(\b(?:Mon|Tue|Wed|Thu|Fri|Sat|Sun) +(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) +(\d{1,2}) +)"
-      R"(\d{2}:\d{2}:\d{2} +(?:\S+ +)?(\d{4})\b)");
-  std::smatch match;
-  if (std::regex_search(versionText, match, kIsoDate)) {
-    const int month = std::stoi(match[2]);
-    const int day = std::stoi(match[3]);
-    if (IsValidDate(month, day)) {
-      return MakeCimDate(std::stoi(match[1]), month, day);
-    }
-  }
-  if (std::regex_search(versionText, match, kDateText)) {
-    const int month = MonthNumber(match[1]);
-    const int day = std::stoi(match[2]);
-    if (IsValidDate(month, day)) {
-      return MakeCimDate(std::stoi(match[3]), month, day);
-    }
-  }
-  return std::nullopt;
-}
 
 bool ReadDriverRows(const DriverRowRoots& roots, std::vector<DriverRow>& rows) {
   rows.clear();
@@ -210,7 +132,7 @@ bool ReadDriverRows(const DriverRowRoots& roots, std::vector<DriverRow>& rows) {
   for (const PciDisplayDevice& device : *devices) {
     DriverRow row;
     row.caption = device.name;
-    row.pnpDeviceId = PnpDeviceId(device);
+    row.pnpDeviceId = PnpDeviceIdOf(device);
     DriverData driver = ReadDriverData(roots, device);
     row.driverVersion = std::move(driver.version);
     row.driverDate = std::move(driver.date);

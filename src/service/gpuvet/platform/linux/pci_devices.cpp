@@ -7,10 +7,11 @@ extern "C" {
 #include <dirent.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
 #include <fstream>
 #include <memory>
+#include <sstream>
+
+#include "platform/linux/driver_row_text.h"
 
 namespace gpuvet::platform::sysfs {
 namespace {
@@ -55,24 +56,22 @@ std::vector<std::string> ListEntryNames(DIR* dir) {
 
 std::optional<uint32_t> ReadNumberFile(const std::string& path) {
   std::ifstream file(path);
-  std::string text;
-  if (!file || !std::getline(file, text) || text.empty()) {
+  if (!file) {
     return std::nullopt;
   }
-  errno = 0;
-  char* end = nullptr;
-  const unsigned long long value = std::strtoull(text.c_str(), &end, 16);
-  if (end == text.c_str() || errno != 0 || value > UINT32_MAX) {
-    return std::nullopt;
-  }
-  return static_cast<uint32_t>(value);
+  std::ostringstream text;
+  text << file.rdbuf();
+  return ParseSysfsNumber(text.str());
 }
 
+// Cut to the length the adapter record holds, so that the adapter list and the
+// driver rows give one name.
 std::string LookupDeviceName(uint32_t vendorId, uint32_t deviceId) {
   char buffer[1024] = {};
   const char* name = pci_lookup_name(&NameDatabase(), buffer, sizeof buffer, PCI_LOOKUP_DEVICE,
                                      static_cast<int>(vendorId), static_cast<int>(deviceId));
-  return name != nullptr ? std::string(name) : std::string();
+  const std::string whole = name != nullptr ? std::string(name) : std::string();
+  return whole.substr(0, kMaxDeviceNameBytes);
 }
 
 std::optional<std::vector<PciDisplayDevice>> ListDisplayDevices(const std::string& devicesDir,

@@ -11,6 +11,8 @@
 namespace gpuvet::platform::sysfs {
 
 constexpr const char* kPciDevicesDir = "/sys/bus/pci/devices";
+// The longest adapter name, in bytes: the name field of an adapter record less its closing NUL.
+constexpr std::size_t kMaxDeviceNameBytes = 127;
 // class >> 16 of a display controller: VGA, XGA, 3D and other display alike.
 constexpr uint32_t kDisplayClassCode = 0x03;
 
@@ -31,10 +33,11 @@ std::optional<std::vector<PciDisplayDevice>> ListDisplayDevices(const std::strin
                                                                 const SkipReporter& reportSkip);
 
 // Reads a file that holds one number as text ("0x10de", "0x030000"). nullopt when
-// the file is missing or holds no number.
+// the file is missing or holds anything but one whole number.
 std::optional<uint32_t> ReadNumberFile(const std::string& path);
 
-// The device name that lspci shows for the ids, or libpci's fallback text.
+// The device name that lspci shows for the ids, or libpci's fallback text, cut
+// to kMaxDeviceNameBytes.
 std::string LookupDeviceName(uint32_t vendorId, uint32_t deviceId);
 
 }  // namespace gpuvet::platform::sysfs

@@ -27,9 +27,4 @@ struct DriverRowRoots {
 // leaves its property missing.
 bool ReadDriverRows(const DriverRowRoots& roots, std::vector<DriverRow>& rows);
 
-// The kernel's build date as a CIM datetime, from the text of its version file:
-// "... (YYYY-MM-DD)" or "... Www Mmm dd hh:mm:ss TZ YYYY". nullopt when neither
-// form is there.
-std::optional<std::string> KernelBuildDate(const std::string& versionText);
-
 }  // namespace gpuvet::platform::sysfs
