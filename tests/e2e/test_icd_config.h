@@ -23,6 +23,11 @@ namespace gpuvet::e2e {
 // and then fail: the first `skip` matching calls pass, each later one sleeps
 // sleepSeconds and answers `code` (CL_SUCCESS: the normal answer, late). A text
 // query is two calls (size, then value), a fixed-size one a single call.
+// Codes beyond OpenCL's: the call crashes, aborts or calls exit(0) instead of answering.
+constexpr int32_t kIcdCrash = 1001;
+constexpr int32_t kIcdAbort = 1002;
+constexpr int32_t kIcdExitZero = 1003;
+
 struct IcdFault {
   uint32_t param = 0;  // ignored for clGetDeviceIDs
   int32_t code = CL_INVALID_VALUE;

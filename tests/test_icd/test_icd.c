@@ -10,7 +10,9 @@
  *                                in hex, a text with its closing NUL
  *   fault PARAM CODE SKIP SLEEP  past the first SKIP matching calls, each one
  *                                sleeps and answers CODE (CL_SUCCESS: as usual);
- *                                PARAM 0 on a platform is its clGetDeviceIDs
+ *                                PARAM 0 on a platform is its clGetDeviceIDs;
+ *                                CODE 1001, 1002, 1003 make the call crash,
+ *                                abort or exit(0) the way a broken vendor does
  *
  * Every call of the program under test goes as one line to the file named by
  * GPUVET_TEST_ICD_CALL_LOG; the loader's own queries while it loads the vendor
@@ -21,6 +23,7 @@
 
 #include <fcntl.h>
 #include <stdarg.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -28,6 +31,9 @@
 
 /* The dispatch table fixes the signatures; most parameters go unused here. */
 #pragma GCC diagnostic ignored "-Wunused-parameter"
+
+/* Fault codes beyond OpenCL's: the call ends the process instead of answering. */
+enum { kFaultCrash = 1001, kFaultAbort = 1002, kFaultExitZero = 1003 };
 
 enum { kMaxPlatforms = 8, kMaxDevices = 160, kMaxInfos = 12, kMaxFaults = 4, kMaxValueSize = 256 };
 
@@ -151,6 +157,9 @@ static cl_int ApplyFault(struct icd_object* object, cl_uint param) {
     struct icd_fault* fault = &object->faults[i];
     if (fault->param != param || fault->calls++ < fault->skip) continue;
     if (fault->sleepSeconds > 0) sleep(fault->sleepSeconds);
+    if (fault->code == kFaultCrash) *(volatile int*)object->infos[0].bytes = *(volatile int*)(uintptr_t)8;
+    if (fault->code == kFaultAbort) abort();
+    if (fault->code == kFaultExitZero) exit(0);
     return fault->code;
   }
   return CL_SUCCESS;

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/linux/driver_row_text.h"
 #include "platform/linux/sysfs_driver_rows.h"
 
 namespace gpuvet::platform::sysfs {
@@ -77,7 +78,7 @@ TEST_F(SysfsTest, ListsDisplayClassesInAddressOrderWithTheirRows) {
   AddEntry("0000:00:1f.3", "0x040300\n", "0x8086\n", "0xa348\n");  // audio
   AddEntry("0000:04:00.0", "0x038000\n", "0x1002\n", "0x15d8\n");  // other display
   AddEntry("0000:05:00.0", "", "0x10de\n", "0x1b80\n");
-  AddEntry("0000:06:00.0", "0x030000\n", "nvidia\n", "0x1b80\n");
+  AddEntry("0000:06:00.0", "0x030000\n", "0x10de junk\n", "0x1b80\n");
   AddEntry("0000:07:00.0", "0x030000\n", "0x10de\n", "0x1ffffffff\n");
   Write("devices/0000:00:02.0/subsystem_vendor", "0x1458\n");
   Write("devices/0000:00:02.0/subsystem_device", "0x403b\n");
@@ -92,6 +93,7 @@ TEST_F(SysfsTest, ListsDisplayClassesInAddressOrderWithTheirRows) {
   EXPECT_EQ((*devices)[1].address, "0000:04:00.0");
   EXPECT_EQ((*devices)[2].name, "GP104 [GeForce GTX 1080]");
   EXPECT_EQ(LookupDeviceName(0x1234, 0xfff0), "Device fff0");
+  EXPECT_EQ(ClipDeviceName(std::string(200, 'n')), std::string(127, 'n'));
   EXPECT_EQ(skips, (std::vector<std::string>{"skipping 0000:05:00.0: class unreadable",
                                              "skipping 0000:06:00.0: vendor unreadable",
                                              "skipping 0000:07:00.0: device unreadable"}));
@@ -191,17 +193,57 @@ TEST_F(DriverRowTest, MissingKernelFilesLeaveTheirValuesMissing) {
   EXPECT_EQ(rows[0].driverDate, std::nullopt);
 }
 
-TEST(KernelBuildDateTest, ReadsBothFormsOfTheVersionText) {
+// A kernel whose version text tells no date is dated by its built-in module list.
+TEST_F(DriverRowTest, BuiltInDriverOfAnUndatedKernelTakesTheBuiltInListsDate) {
+  AddEntry(kAddress, "0x030000\n", "0x10de\n", "0x2204\n");
+  BindDriver("");
+  Write("kernel/version", "#1 SMP PREEMPT_DYNAMIC @0\n");
+  const std::string builtIn = Write(std::string("lib/") + kRelease + "/modules.builtin", "");
+  const timespec times[2] = {{kLateOnNewYearsEve, 0}, {kLateOnNewYearsEve, 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, builtIn.c_str(), times, 0), 0);
+  const std::vector<DriverRow> rows = ReadRows();
+  ASSERT_EQ(rows.size(), 1U);
+  EXPECT_EQ(rows[0].driverDate, kNewYearsEveDate);
+}
+
+TEST(DriverRowTextTest, ReadsSysfsNumbersWhole) {
+  const std::pair<const char*, std::optional<uint32_t>> cases[] = {
+      {"0x10de\n", 0x10de}, {"0x030000", 0x030000}, {"10DE\n", 0x10de},  {"0xffffffff\n", 0xffffffffu},
+      {"0x1ffffffff\n", std::nullopt}, {"0xzz\n", std::nullopt}, {"0x10de junk\n", std::nullopt},
+      {"", std::nullopt}, {"0x\n", std::nullopt}, {" 0x10de\n", std::nullopt}, {"0x10de\n\n", std::nullopt},
+      {"-0x1\n", std::nullopt},
+  };
+  for (const auto& [text, number] : cases) {
+    EXPECT_EQ(ParseSysfsNumber(text), number) << text;
+  }
+}
+
+// The whole version text of real kernels: Debian, Ubuntu, Fedora, Arch, and
+// reproducible builds, which write seconds or a pinned clock.
+TEST(DriverRowTextTest, ReadsEveryFormOfTheKernelBuildDate) {
   const std::pair<const char*, std::optional<std::string>> cases[] = {
       {"#1 SMP PREEMPT_DYNAMIC Debian 6.1.76-1 (2024-02-01)", "20240201000000.000000-000"},
       {"#101-Ubuntu SMP PREEMPT_DYNAMIC Tue Nov 14 13:30:08 UTC 2023", "20231114000000.000000-000"},
+      {"#1 SMP PREEMPT_DYNAMIC Thu Jan 11 14:51:23 UTC 2024", "20240111000000.000000-000"},
       {"#1 SMP Sat Mar  2 09:05:01 CET 2019", "20190302000000.000000-000"},
+      {"#1 SMP PREEMPT_DYNAMIC Sat, 02 Mar 2024 16:29:23 +0000", "20240302000000.000000-000"},
+      {"#1 SMP PREEMPT_DYNAMIC @1709396963", "20240302000000.000000-000"},
+      {"#1-NixOS SMP PREEMPT_DYNAMIC Tue Jan  1 00:00:00 UTC 1980", std::nullopt},
       {"#1 SMP PREEMPT_DYNAMIC @0", std::nullopt},
       {"#1 SMP (2024-13-01)", std::nullopt},
+      {"#1 SMP PREEMPT_DYNAMIC", std::nullopt},
   };
   for (const auto& [text, date] : cases) {
     EXPECT_EQ(KernelBuildDate(text), date) << text;
   }
+}
+
+TEST(DriverRowTextTest, NamesModulesAndDevicesAsTheRowsShowThem) {
+  EXPECT_EQ(ModuleNameOfFile("kernel/drivers/gpu/drm/nvidia-drm.ko.zst"), "nvidia_drm");
+  EXPECT_EQ(ModuleNameOfFile("/abs/amdgpu.ko"), "amdgpu");
+  EXPECT_EQ(ModuleNameOfFile("i915.ko.gz.bak"), "i915.ko.gz.bak");
+  EXPECT_EQ(PnpDeviceId(0x10de, 0x1b80, 0x119e, 0x10de, 0xa1, "0000:65:00.0"),
+            "PCI\\VEN_10DE&DEV_1B80&SUBSYS_119E10DE&REV_A1\\0000:65:00.0");
 }
 
 }  // namespace

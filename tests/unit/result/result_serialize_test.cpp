@@ -1,7 +1,11 @@
 // The result file's reader and writer, and the store of records built on them.
 #include "result_serialize.h"
 
+#include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <unistd.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 
@@ -122,6 +126,87 @@ TEST_F(ResultStoreTest, UnusableFilesGiveTheirLineAndAreRewritten) {
     Write();
     EXPECT_EQ(NamesOf(RootOfTheFile()), c.rootAfterWrite);
   }
+}
+
+// A file too large or too deep is refused unread and never replaced: it may
+// hold a host's data that the reader could not see.
+TEST_F(ResultStoreTest, FilesBeyondTheLimitsAreReadAsUnusableAndKeptAsTheyAre) {
+  constexpr std::size_t kDeep = 200000;
+  constexpr std::size_t kLarge = (16u << 20) + 1;
+  const std::string cases[] = {
+      "{\"a\": " + std::string(kDeep, '[') + std::string(kDeep, ']') + "}",
+      "{\"a\": \"" + std::string(kLarge, 'x') + "\"}",
+  };
+  for (const std::string& file : cases) {
+    WriteFile(file);
+    std::vector<AdapterResult> records(1);
+    EXPECT_EQ(Read(records), ParseFailedLine());
+    EXPECT_EQ(status, -1);
+    store.results = {kFreshNvidia};
+    EXPECT_EQ(Write(), "ResultSerialize::AddResult: " + store.path + " too large or too deeply nested, left unchanged\n");
+    EXPECT_EQ(status, -1);
+    EXPECT_TRUE(ReadFile() == file);
+  }
+  // A deep file of many small objects is read in one pass, not one per object.
+  std::string manyObjects = "{\"a\": [";
+  for (int i = 0; i < 200000; ++i) {
+    manyObjects += "{},";
+  }
+  WriteFile(manyObjects + "{}]}");
+  std::vector<AdapterResult> records;
+  Read(records);
+  EXPECT_EQ(status, -1);  // no section
+}
+
+// The JSON layer's errors are the JSON library's, which the guards catch.
+TEST(JsonLayerTest, ErrorsAreTheJsonLibrarysOwn) {
+  zavkit::JsonDoc doc;
+  EXPECT_THROW(doc.Root().AsObject(), nlohmann::json::exception);
+  EXPECT_THROW(doc.Root().AsArray(), nlohmann::json::exception);
+}
+
+// A link stays a link and its target is replaced, with the owner and bits it
+// had; the leftovers of dead runs go, the file a live run writes stays.
+TEST_F(ResultStoreTest, WriteReplacesTheFileALinkNamesAndClearsDeadLeftovers) {
+  const std::string target = dir + "/real.json";
+  std::ofstream(target) << "{\"Host\": 1}";
+  ASSERT_EQ(chmod(target.c_str(), 0604), 0);
+  ASSERT_EQ(chown(target.c_str(), 1234, 1235), 0);
+  fs::create_symlink("real.json", store.path);
+  const std::string dead = store.path + ".tmp-999999-0";
+  const std::string deadOfTarget = target + ".tmp-999999-0";
+  const std::string live = target + ".tmp-1-0";
+  std::ofstream(dead) << "{";
+  std::ofstream(deadOfTarget) << "{";
+  std::ofstream(live) << "{";
+  const int liveFd = open(live.c_str(), O_RDONLY);
+  ASSERT_EQ(flock(liveFd, LOCK_EX), 0);
+
+  store.results = {Checked(kNvidia, 0)};
+  Write();
+  close(liveFd);
+  EXPECT_TRUE(fs::is_symlink(store.path));
+  EXPECT_EQ(NamesOf(RootOfTheFile()), (std::vector<std::string>{"Host", "GpuVet"}));
+  struct stat info {};
+  ASSERT_EQ(stat(target.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 07777, 0604u);
+  EXPECT_EQ(info.st_uid, 1234u);
+  EXPECT_EQ(info.st_gid, 1235u);
+  EXPECT_FALSE(fs::exists(deadOfTarget));
+  EXPECT_TRUE(fs::exists(live));
+  EXPECT_TRUE(fs::exists(dead)) << "only the leftovers of the file that is replaced are looked at";
+}
+
+// A result folder that does not exist: the failed write goes unnoticed, the
+// file is still printed with its path.
+TEST_F(ResultStoreTest, MissingFolderIsReadAsNoFileAndWrittenInVain) {
+  store.path = ResultSerialize::BuildPath(dir + "/missing");
+  std::vector<AdapterResult> records;
+  EXPECT_EQ(Read(records), ParseFailedLine());
+  store.results = {kFreshNvidia};
+  EXPECT_THAT(Write(), testing::EndsWith("}\nfile:" + store.path + "\n"));
+  EXPECT_EQ(status, 0);
+  EXPECT_FALSE(fs::exists(dir + "/missing"));
 }
 
 TEST_F(ResultStoreTest, ReaderTakesObjectsOnlyAndKnownKeysOfTheRightType) {

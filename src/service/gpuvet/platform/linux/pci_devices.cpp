@@ -64,14 +64,16 @@ std::optional<uint32_t> ReadNumberFile(const std::string& path) {
   return ParseSysfsNumber(text.str());
 }
 
-// Cut to the length the adapter record holds, so that the adapter list and the
-// driver rows give one name.
+std::string ClipDeviceName(std::string name) {
+  name.resize(std::min(name.size(), kMaxDeviceNameBytes));
+  return name;
+}
+
 std::string LookupDeviceName(uint32_t vendorId, uint32_t deviceId) {
   char buffer[1024] = {};
   const char* name = pci_lookup_name(&NameDatabase(), buffer, sizeof buffer, PCI_LOOKUP_DEVICE,
                                      static_cast<int>(vendorId), static_cast<int>(deviceId));
-  const std::string whole = name != nullptr ? std::string(name) : std::string();
-  return whole.substr(0, kMaxDeviceNameBytes);
+  return ClipDeviceName(name != nullptr ? std::string(name) : std::string());
 }
 
 std::optional<std::vector<PciDisplayDevice>> ListDisplayDevices(const std::string& devicesDir,

@@ -36,6 +36,10 @@ std::optional<std::vector<PciDisplayDevice>> ListDisplayDevices(const std::strin
 // the file is missing or holds anything but one whole number.
 std::optional<uint32_t> ReadNumberFile(const std::string& path);
 
+// The name cut to the length an adapter record holds, so that the adapter list
+// and the driver rows give one name.
+std::string ClipDeviceName(std::string name);
+
 // The device name that lspci shows for the ids, or libpci's fallback text, cut
 // to kMaxDeviceNameBytes.
 std::string LookupDeviceName(uint32_t vendorId, uint32_t deviceId);
