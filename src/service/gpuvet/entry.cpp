@@ -3,6 +3,7 @@
 #include <CL/opencl.hpp>
 
 #include <exception>
+#include <functional>
 
 #include "adapters/collect_adapters.h"
 #include "adapters/select_adapter.h"
@@ -86,12 +87,14 @@ int32_t RunSequence(int argc, char** argv) {
   return runCode;
 }
 
+}  // namespace
+
 // An exception that nothing below caught ends the run here, after the watchdog
 // has been stopped by the unwinding: an OpenCL error can only be the platform
 // list failing, anything else is a refusal like a timed-out run.
-int32_t RunCatching(int argc, char** argv) {
+int32_t EndRunOnEscape(const std::function<int32_t()>& run) {
   try {
-    return RunSequence(argc, argv);
+    return run();
   } catch (const cl::Error&) {
     Print("no platform!\n");
     return GPUVET_NO_PLATFORM;
@@ -104,13 +107,11 @@ int32_t RunCatching(int argc, char** argv) {
   }
 }
 
-}  // namespace
-
 // Vendor libraries run inside the process: whatever way of ending it they take
 // gives the refusal of a timed-out run, never a pass.
 int32_t GpuvetMain(int argc, char** argv) {
   platform::GuardProcessEnd(GPUVET_NOT_IN_WHITELIST);
-  const int32_t runCode = RunCatching(argc, argv);
+  const int32_t runCode = EndRunOnEscape([argc, argv] { return RunSequence(argc, argv); });
   platform::AllowProcessEnd();
   return runCode;
 }

@@ -1,6 +1,10 @@
 #include "command_line.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <CL/opencl.hpp>
+#include <stdexcept>
 
 #include <string>
 #include <tuple>
@@ -75,6 +79,36 @@ TEST(ParseCommandLineDeathTest, EndsWithInvalidParameter) {
                                                {"--result"}, {"--result", std::string(2048, 'r')}}) {
     EXPECT_EXIT(Parse(args), testing::ExitedWithCode(kInvalidParameterStatus), "") << args.back().substr(0, 20);
   }
+}
+
+// The entry's own endings: an escaping exception, and a pure virtual call. The
+// handler's line goes to standard output, which the death test does not see,
+// so the child's output is led to its standard error.
+struct CallsPureInConstructor {
+  CallsPureInConstructor() { Call(); }
+  virtual ~CallsPureInConstructor() = default;
+  void Call() { Pure(); }
+  virtual void Pure() = 0;
+};
+struct Derived : CallsPureInConstructor {
+  void Pure() override {}
+};
+
+TEST(EntryDeathTest, EndsInItsOwnWays) {
+  constexpr int kPureCallStatus = static_cast<uint8_t>(-1001);
+  EXPECT_EXIT(
+      {
+        dup2(STDERR_FILENO, STDOUT_FILENO);
+        platform::SetPureCallHandler(OnPureCall);
+        Derived derived;
+      },
+      testing::ExitedWithCode(kPureCallStatus), "^In _purecall_handler\\.\n$");
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(EndRunOnEscape([]() -> int32_t { throw std::runtime_error("out of memory"); }), 11);
+  EXPECT_EQ(EndRunOnEscape([]() -> int32_t { throw cl::Error(CL_OUT_OF_HOST_MEMORY, "clGetPlatformIDs"); }), -10);
+  EXPECT_EQ(EndRunOnEscape([]() -> int32_t { throw 7; }), 11);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "exception: out of memory\nno platform!\nexception: unknown exception\n");
 }
 
 }  // namespace
