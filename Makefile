@@ -1,26 +1,33 @@
-# The whole set-up: `make run` and `make test`. Both install what is missing first.
+# The whole set-up: `make run` and `make test`. Both install what is missing
+# first: `make run` what building and running need, `make test` (and `make fuzz`,
+# `make bench`, `make lint`) the test packages too. Plain `make` only builds.
 BUILD ?= build
 JOBS ?= $(shell nproc)
 # Extra gpuvet arguments for `make run`, e.g. GPUVET_ARGS="--gpu 0 --details".
 GPUVET_ARGS ?=
 
-.PHONY: all deps run test test-debug test-asan test-tsan fuzz bench clean
+.PHONY: all build deps-run deps-test run test test-debug test-asan test-tsan fuzz bench lint clean
 
-all: run
+all: build
 
-deps:
-	@bash scripts/install-deps.sh
+deps-run:
+	@bash scripts/install-deps.sh run
 
-run: deps
+deps-test:
+	@bash scripts/install-deps.sh test
+
+build:
 	cmake -S . -B $(BUILD)/release -DCMAKE_BUILD_TYPE=Release -DGPUVET_TESTS=OFF
 	cmake --build $(BUILD)/release -j$(JOBS) --target gpuvet
+
+run: deps-run build
 	@bash scripts/run-local.sh $(BUILD)/release/src/gpuvet examples/blacklist.xml examples/whitelist.xml \
 		$(BUILD)/results $(GPUVET_ARGS)
 
 # The whole suite in a Debug build with warnings as errors, then again under
 # AddressSanitizer and UndefinedBehaviorSanitizer, then the threaded parts under
 # ThreadSanitizer.
-test: deps test-debug test-asan test-tsan
+test: deps-test test-debug test-asan test-tsan
 
 test-debug:
 	cmake -S . -B $(BUILD)/test -DCMAKE_BUILD_TYPE=Debug -DGPUVET_WERROR=ON
@@ -39,7 +46,7 @@ test-tsan:
 
 # Every libFuzzer target for FUZZ_SECONDS each (clang, ASan and UBSan).
 FUZZ_SECONDS ?= 60
-fuzz: deps
+fuzz: deps-test
 	cmake -S . -B $(BUILD)/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
 		-DCMAKE_CXX_COMPILER=clang++ -DGPUVET_FUZZ=ON -DGPUVET_TESTS=OFF
 	cmake --build $(BUILD)/fuzz -j$(JOBS)
@@ -47,10 +54,15 @@ fuzz: deps
 
 # The Google Benchmark suite and the whole-run figures, in one report:
 # $(BUILD)/bench/report.md.
-bench: deps
+bench: deps-test
 	cmake -S . -B $(BUILD)/bench -DCMAKE_BUILD_TYPE=Release -DGPUVET_BENCH=ON
-	cmake --build $(BUILD)/bench -j$(JOBS) --target gpuvet_bench_lists gpuvet_bench_whole_run
+	cmake --build $(BUILD)/bench -j$(JOBS) --target gpuvet_bench_lists gpuvet_bench_result_file gpuvet_bench_whole_run
 	bash scripts/bench-report.sh $(BUILD)/bench
+
+# clang-tidy and cppcheck over the tool's own sources; quiet when all is well.
+lint: deps-test
+	cmake -S . -B $(BUILD)/test -DCMAKE_BUILD_TYPE=Debug -DGPUVET_WERROR=ON
+	bash scripts/lint.sh $(BUILD)/test
 
 clean:
 	rm -rf $(BUILD)

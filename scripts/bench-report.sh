@@ -17,6 +17,12 @@ report=$build/report.md
     --benchmark_report_aggregates_only=true 2>&1
   echo '```'
   echo
+  echo "## The result file: the reader against the JSON parse of the same text alone"
+  echo
+  echo '```'
+  "$build/bench/gpuvet_bench_result_file" --benchmark_repetitions=3 --benchmark_report_aggregates_only=true 2>&1
+  echo '```'
+  echo
   echo "## Whole runs"
   echo
   "$build/bench/gpuvet_bench_whole_run"

@@ -1,19 +1,32 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building, running and testing gpuvet need.
+# Installs the Debian packages that gpuvet needs, for one purpose:
+#   run   building and running the tool
+#   test  the tests, the fuzzers and the benchmarks too
+# Running the tool never installs an OpenCL platform: one installed for the
+# tests (PoCL) changes the verdict the tool gives on this machine.
 # Does nothing when all of them are there; runs apt-get update only when one is missing.
 set -euo pipefail
 
-packages=(
+purpose=${1:-run}
+run_packages=(
   build-essential cmake pkg-config
-  libpci-dev pci.ids pciutils
+  libpci-dev pci.ids
   libtinyxml2-dev
   ocl-icd-opencl-dev ocl-icd-libopencl1 opencl-headers opencl-clhpp-headers
   nlohmann-json3-dev
-  libgtest-dev libgmock-dev libbenchmark-dev
-  clang libclang-rt-dev
-  pocl-opencl-icd clinfo
-  util-linux mount
 )
+test_packages=(
+  pciutils util-linux mount
+  libgtest-dev libgmock-dev libbenchmark-dev
+  clang libclang-rt-dev clang-tidy cppcheck
+  pocl-opencl-icd clinfo
+)
+
+case $purpose in
+  run) packages=("${run_packages[@]}") ;;
+  test) packages=("${run_packages[@]}" "${test_packages[@]}") ;;
+  *) echo "usage: $0 run|test" >&2; exit 2 ;;
+esac
 
 installed() {
   [ "$(dpkg-query -W -f='${Status}' "$1" 2>/dev/null)" = "install ok installed" ]

@@ -9,7 +9,8 @@ namespace gpuvet::platform::sysfs {
 namespace {
 
 constexpr const char* kCimDateFormat = "%04d%02d%02d000000.000000-000";
-constexpr std::size_t kCimDateBytes = sizeof "YYYYMMDD000000.000000-000";
+// Room for any int in the fields, though a real date needs 26 bytes.
+constexpr std::size_t kCimDateBytes = 64;
 constexpr const char* kPnpDeviceIdFormat = "PCI\\VEN_%04X&DEV_%04X&SUBSYS_%04X%04X&REV_%02X\\%s";
 constexpr int kTmYearBase = 1900;
 constexpr int kMonthsPerYear = 12;
@@ -139,7 +140,7 @@ std::optional<std::string> KernelBuildDate(const std::string& versionText) {
     return BuildDate(std::stoi(match[3]), MonthNumber(match[2]), std::stoi(match[1]));
   }
   if (std::regex_search(versionText, match, kSecondsSinceEpoch)) {
-    const std::optional<std::string> date = CimDateOfTime(static_cast<std::time_t>(std::stoll(match[1])));
+    std::optional<std::string> date = CimDateOfTime(static_cast<std::time_t>(std::stoll(match[1])));
     // The year stands first in the CIM date.
     if (date && std::stoi(date->substr(0, 4)) >= kFirstRealBuildYear) {
       return date;

@@ -22,7 +22,7 @@ std::atomic<bool> g_exitHandlerInstalled{false};
 // The signals by which a library's fault or abort ends a process.
 constexpr int kFatalSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT};
 // Room for the handler's own stack, so that a stack overflow can still be reported.
-constexpr std::size_t kAltStackBytes = 64 * 1024;
+constexpr std::size_t kAltStackBytes = std::size_t{64} << 10;
 alignas(16) char g_altStack[kAltStackBytes];
 
 // Without a handler, a runtime failure ends the process quietly, never with an
