@@ -145,6 +145,9 @@ TEST_F(ResultStoreTest, RunCutOffWhileWritingLeavesTheOldFileWhole) {
     EXPECT_EQ(cut.status, -1) << "the write was not cut at " << limitBlocks << " blocks";
     EXPECT_EQ(ReadJson(resultFile_).dump(), original) << "cut at " << limitBlocks << " blocks";
   }
+  // The next save clears what the cut-off runs left behind.
+  EXPECT_EQ(Run("1").status, kStatusOk);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(resultDir_), std::filesystem::directory_iterator()), 1);
 }
 
 }  // namespace
