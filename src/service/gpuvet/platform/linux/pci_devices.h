@@ -34,6 +34,9 @@ std::optional<std::vector<PciDisplayDevice>> ListDisplayDevices(const std::strin
 // the file is missing or holds no number.
 std::optional<uint32_t> ReadNumberFile(const std::string& path);
 
+// True when the PCI ID database names the vendor id.
+bool KnowsVendor(uint32_t vendorId);
+
 // The device name that lspci shows for the ids, or libpci's fallback text.
 std::string LookupDeviceName(uint32_t vendorId, uint32_t deviceId);
 
