@@ -13,7 +13,7 @@ deps:
 
 run: deps
 	cmake -S . -B $(BUILD)/release -DCMAKE_BUILD_TYPE=Release -DGPUVET_TESTS=OFF
-	cmake --build $(BUILD)/release -j$(JOBS) --target gpuvet
+	cmake --build $(BUILD)/release -j$(JOBS) --target gpuvet gpuvet-lists
 	@bash scripts/run-local.sh $(BUILD)/release/src/gpuvet examples/blacklist.xml examples/whitelist.xml \
 		$(BUILD)/results $(GPUVET_ARGS)
 
