@@ -137,6 +137,7 @@ void AddClosestNames(const std::string& path, const std::vector<ItemAt>& items, 
   }
   if (near.empty()) {
     std::vector<const ItemAt*> byDistance;
+    byDistance.reserve(items.size());
     for (const ItemAt& item : items) {
       byDistance.push_back(&item);
     }
@@ -178,13 +179,13 @@ Step BlackListStep(const std::string& path, int32_t gpuIndex, int32_t code) {
         step.evidence.push_back(path + ":" + std::to_string(item.line) + ": lists " + KeyText(device));
         named = true;
       } else if (SameDevice(item.key, device)) {
-        for (const auto& [field, text] : Fields(item.key)) {
-          const auto& deviceFields = Fields(device);
-          const auto mine = std::find_if(deviceFields.begin(), deviceFields.end(),
-                                         [&](const auto& entry) { return entry.first == std::string(field); });
-          if (mine->second != text) {
+        const auto itemFields = Fields(item.key);
+        const auto deviceFields = Fields(device);
+        for (std::size_t i = 0; i < itemFields.size(); ++i) {
+          if (itemFields[i].second != deviceFields[i].second) {
             step.evidence.push_back(path + ":" + std::to_string(item.line) + ": the nearest item differs first in " +
-                                    field + ": item " + Quoted(text) + ", device " + Quoted(mine->second));
+                                    itemFields[i].first + ": item " + Quoted(itemFields[i].second) + ", device " +
+                                    Quoted(deviceFields[i].second));
             break;
           }
         }

@@ -3,6 +3,7 @@
 #include <CL/opencl.hpp>
 #include <tinyxml2.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <string>
@@ -34,7 +35,8 @@ Origins DeviceOrigins() {
     try {
       std::vector<cl::Device> devices;
       platform.getDevices(CL_DEVICE_TYPE_GPU, &devices);
-      const std::string name = platform.getInfo<CL_PLATFORM_NAME>().c_str();
+      std::string name = platform.getInfo<CL_PLATFORM_NAME>();
+      name.resize(std::min(name.size(), name.find('\0')));
       for (std::size_t j = 0; j < devices.size(); ++j) {
         origins.emplace(FetchDeviceKey(devices[j]), "platform \"" + name + "\", device " + std::to_string(j));
       }

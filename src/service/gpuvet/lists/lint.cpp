@@ -57,7 +57,7 @@ struct ReadItemAt {
 
 class Linter {
  public:
-  Linter(std::string path, std::string text, const tinyxml2::XMLDocument& document, ListKind expected)
+  Linter(std::string path, const std::string& text, const tinyxml2::XMLDocument& document, ListKind expected)
       : path_(std::move(path)), places_(text, document), document_(document), kind_(expected) {}
 
   std::vector<Finding> Run() {

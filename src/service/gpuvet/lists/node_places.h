@@ -33,7 +33,7 @@ class NodePlaces {
   void SkipPast(const std::string& token);
   Place PlaceOfOffset(std::size_t offset) const;
 
-  const std::string& text_;
+  const std::string text_;
   std::vector<std::size_t> lineStarts_;
   std::map<const tinyxml2::XMLNode*, std::size_t> offsets_;
   std::size_t cursor_ = 0;

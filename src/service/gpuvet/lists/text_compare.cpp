@@ -68,8 +68,8 @@ int CompareAsNumbers(const std::string& a, const std::string& b) {
 }
 
 std::size_t TurningByte(const std::string& a, const std::string& b) {
-  return static_cast<std::size_t>(std::mismatch(a.begin(), a.begin() + std::min(a.size(), b.size()), b.begin()).first -
-                                  a.begin());
+  const auto common = static_cast<std::ptrdiff_t>(std::min(a.size(), b.size()));
+  return static_cast<std::size_t>(std::mismatch(a.begin(), a.begin() + common, b.begin()).first - a.begin());
 }
 
 std::string Quoted(const std::string& text) {
