@@ -18,7 +18,7 @@ deps-test:
 
 build:
 	cmake -S . -B $(BUILD)/release -DCMAKE_BUILD_TYPE=Release -DGPUVET_TESTS=OFF
-	cmake --build $(BUILD)/release -j$(JOBS) --target gpuvet
+	cmake --build $(BUILD)/release -j$(JOBS) --target gpuvet gpuvet-lists
 
 run: deps-run build
 	@bash scripts/run-local.sh $(BUILD)/release/src/gpuvet examples/blacklist.xml examples/whitelist.xml \

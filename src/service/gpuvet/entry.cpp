@@ -22,15 +22,6 @@ namespace {
 // No critical-error box and no fault box: nothing ever waits for a user.
 constexpr uint32_t kNoErrorDialogs = 3;
 
-// The stored verdict of the selected adapter answers the run when the host did
-// not ask for a new test, named the adapter, its driver is known and a tested
-// record exists.
-bool FindStoredVerdict(const RunOptions& options, const AdapterEntry& selected, const ResultSerialize& store,
-                       AdapterResult& found) {
-  return !options.recheck && options.gpuIndex >= 0 && !selected.strDrvVer.empty() && store.Find(selected, found) &&
-         found.checked != 0;
-}
-
 // Everything of a run that the watchdog guards, up to its stop. The adapter
 // list, the selection and the store live on this frame and are gone before the
 // watchdog is stopped.
@@ -89,12 +80,37 @@ int32_t RunSequence(int argc, char** argv) {
 
 }  // namespace
 
-// An exception that nothing below caught ends the run here, after the watchdog
-// has been stopped by the unwinding: an OpenCL error can only be the platform
-// list failing, anything else is a refusal like a timed-out run.
-int32_t EndRunOnEscape(const std::function<int32_t()>& run) {
+// The stored verdict of the selected adapter answers the run when the host did
+// not ask for a new test, named the adapter, its driver is known and a tested
+// record exists.
+StoredVerdict TestStoredVerdict(const RunOptions& options, const AdapterEntry& selected, const ResultSerialize& store,
+                                AdapterResult& found) {
+  if (options.recheck) {
+    return StoredVerdict::kRecheckAsked;
+  }
+  if (options.gpuIndex < 0) {
+    return StoredVerdict::kNoAdapterNamed;
+  }
+  if (selected.strDrvVer.empty()) {
+    return StoredVerdict::kDriverUnknown;
+  }
+  if (!store.Find(selected, found)) {
+    return StoredVerdict::kNoRecord;
+  }
+  return found.checked != 0 ? StoredVerdict::kAnswers : StoredVerdict::kRecordUnchecked;
+}
+
+bool FindStoredVerdict(const RunOptions& options, const AdapterEntry& selected, const ResultSerialize& store,
+                       AdapterResult& found) {
+  return TestStoredVerdict(options, selected, store, found) == StoredVerdict::kAnswers;
+}
+
+// An exception that nothing below caught ends the run, after the watchdog has
+// been stopped by the unwinding: an OpenCL error can only be the platform list
+// failing, anything else is a refusal like a timed-out run.
+int32_t CodeOfRunException() {
   try {
-    return run();
+    throw;
   } catch (const cl::Error&) {
     Print("no platform!\n");
     return GPUVET_NO_PLATFORM;
@@ -104,6 +120,14 @@ int32_t EndRunOnEscape(const std::function<int32_t()>& run) {
   } catch (...) {
     Print("exception: %s\n", "unknown exception");
     return GPUVET_NOT_IN_WHITELIST;
+  }
+}
+
+int32_t EndRunOnEscape(const std::function<int32_t()>& run) {
+  try {
+    return run();
+  } catch (...) {
+    return CodeOfRunException();
   }
 }
 

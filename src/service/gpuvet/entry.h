@@ -3,9 +3,33 @@
 #include <cstdint>
 #include <functional>
 
+#include "adapters/adapter_entry.h"
 #include "platform/qdx.h"
+#include "result_serialize.h"
+#include "run_options.h"
 
 namespace gpuvet {
+
+// Whether the stored verdict of the selected adapter answers a run, and if not,
+// the first of its conditions that fails, in the order they are tested.
+enum class StoredVerdict {
+  kAnswers,
+  kRecheckAsked,     // --recheck asked for a new test
+  kNoAdapterNamed,   // no --gpu
+  kDriverUnknown,    // the adapter's driver version is empty
+  kNoRecord,         // the store holds no record of the adapter
+  kRecordUnchecked,  // its record holds no verdict
+};
+
+// Tests the conditions; on kAnswers `found` holds the adapter's record.
+StoredVerdict TestStoredVerdict(const RunOptions& options, const AdapterEntry& selected, const ResultSerialize& store,
+                                AdapterResult& found);
+bool FindStoredVerdict(const RunOptions& options, const AdapterEntry& selected, const ResultSerialize& store,
+                       AdapterResult& found);
+
+// The run code of a run that an exception ended, with its line; called from
+// inside a catch block, it looks at the exception being handled.
+int32_t CodeOfRunException();
 
 // The whole run; the value becomes the process exit code.
 int32_t GpuvetMain(int argc, char** argv);

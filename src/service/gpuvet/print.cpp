@@ -1,11 +1,22 @@
 #include "print.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 
 namespace gpuvet {
+namespace {
+
+std::atomic<bool> g_printSilenced{false};
+
+}  // namespace
+
+void SilencePrint(bool silenced) { g_printSilenced.store(silenced); }
 
 int Print(const char* format, ...) {
+  if (g_printSilenced.load()) {
+    return 0;
+  }
   va_list args;
   va_start(args, format);
   const int written = std::vprintf(format, args);

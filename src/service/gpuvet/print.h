@@ -8,4 +8,8 @@ namespace gpuvet {
 // is flushed before the call returns.
 int Print(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
+// Silenced, Print writes nothing and returns 0: for a program that runs the
+// tool's steps and says what they came to in words of its own.
+void SilencePrint(bool silenced);
+
 }  // namespace gpuvet

@@ -48,21 +48,6 @@ void PrintDeviceLines(const cl::Device& device) {
   PrintDeviceText<CL_DEVICE_EXTENSIONS>(device, "\t\tdevice_extensions: %s\n");
 }
 
-// The key is asked for anew, not taken over from the printed values.
-ClDeviceKey FetchDeviceKey(const cl::Device& device) {
-  ClDeviceKey key;
-  key.VID = device.getInfo<CL_DEVICE_VENDOR_ID>();
-  key.DeviceName = UpToFirstNul(device.getInfo<CL_DEVICE_NAME>());
-  key.OpenCLCVersion = UpToFirstNul(device.getInfo<CL_DEVICE_OPENCL_C_VERSION>());
-  key.DeviceVersion = UpToFirstNul(device.getInfo<CL_DEVICE_VERSION>());
-  key.DriverVersion = UpToFirstNul(device.getInfo<CL_DRIVER_VERSION>());
-  key.DeviceName = TrimBlanks(key.DeviceName);
-  key.OpenCLCVersion = TrimBlanks(key.OpenCLCVersion);
-  key.DeviceVersion = TrimBlanks(key.DeviceVersion);
-  key.DriverVersion = TrimBlanks(key.DriverVersion);
-  return key;
-}
-
 // One platform's turn. A platform without a GPU is a failure like any other:
 // these bindings hand back an empty list where OpenCL answers
 // CL_DEVICE_NOT_FOUND, so the empty list is turned back into that error.
@@ -110,6 +95,21 @@ void ListClDevices() {
   Print("\n\n");
 
   SortUnique(ClDeviceTable);
+}
+
+// Asked for anew, not taken over from the printed values.
+ClDeviceKey FetchDeviceKey(const cl::Device& device) {
+  ClDeviceKey key;
+  key.VID = device.getInfo<CL_DEVICE_VENDOR_ID>();
+  key.DeviceName = UpToFirstNul(device.getInfo<CL_DEVICE_NAME>());
+  key.OpenCLCVersion = UpToFirstNul(device.getInfo<CL_DEVICE_OPENCL_C_VERSION>());
+  key.DeviceVersion = UpToFirstNul(device.getInfo<CL_DEVICE_VERSION>());
+  key.DriverVersion = UpToFirstNul(device.getInfo<CL_DRIVER_VERSION>());
+  key.DeviceName = TrimBlanks(key.DeviceName);
+  key.OpenCLCVersion = TrimBlanks(key.OpenCLCVersion);
+  key.DeviceVersion = TrimBlanks(key.DeviceVersion);
+  key.DriverVersion = TrimBlanks(key.DriverVersion);
+  return key;
 }
 
 std::string TrimBlanks(std::string text) {

@@ -10,6 +10,10 @@
 
 namespace gpuvet {
 
+std::vector<ClDeviceKey> BlackListDevicesUnderTest(int32_t gpuIndex) {
+  return gpuIndex >= 0 ? std::vector<ClDeviceKey>{SelectedClDevice} : ClDeviceTable;
+}
+
 bool IsInBlackList(const char* path, int32_t gpuIndex) {
   Print("check before in black list start\n");
   const ListFile list = ReadListFile(path, kBlackListRoot);
@@ -17,13 +21,10 @@ bool IsInBlackList(const char* path, int32_t gpuIndex) {
     return false;  // an unreadable list holds no device
   }
 
-  // Without a named adapter every device of the census is under test.
-  std::vector<ClDeviceKey> selectedOnly;
   if (gpuIndex >= 0) {
-    selectedOnly.push_back(SelectedClDevice);
     Print("    check : [%s]\n", SelectedClDevice.DeviceName.c_str());
   }
-  const std::vector<ClDeviceKey>& checkList = gpuIndex >= 0 ? selectedOnly : ClDeviceTable;
+  const std::vector<ClDeviceKey> checkList = BlackListDevicesUnderTest(gpuIndex);
 
   // Both lists are ascending and free of duplicates: one merge walk finds the devices that are listed.
   std::vector<ClDeviceKey> intersection;

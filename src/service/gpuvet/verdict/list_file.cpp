@@ -9,10 +9,7 @@
 #include "platform/runtime_text.h"
 
 namespace gpuvet {
-namespace {
 
-// The text of a field element: its first child node, when that node is a text
-// (CDATA included). Empty, the fresh value, when there is no such element or text.
 const char* FieldText(const tinyxml2::XMLElement& item, const char* fieldName) {
   const tinyxml2::XMLElement* field = item.FirstChildElement(fieldName);
   const tinyxml2::XMLNode* first = field == nullptr ? nullptr : field->FirstChild();
@@ -20,7 +17,9 @@ const char* FieldText(const tinyxml2::XMLElement& item, const char* fieldName) {
   return text == nullptr ? "" : text->Value();
 }
 
-}  // namespace
+std::unique_ptr<tinyxml2::XMLDocument> NewListDocument() {
+  return std::make_unique<tinyxml2::XMLDocument>(true, tinyxml2::PRESERVE_WHITESPACE);
+}
 
 const tinyxml2::XMLElement* FirstItem(const tinyxml2::XMLElement& root) {
   return root.FirstChildElement(kItemElement);
@@ -47,7 +46,8 @@ ClDeviceKey ReadItem(const tinyxml2::XMLElement& item) {
 
 ListFile ReadListFile(const char* path, const char* rootName) {
   ListFile list;
-  tinyxml2::XMLDocument document(true, tinyxml2::PRESERVE_WHITESPACE);
+  const std::unique_ptr<tinyxml2::XMLDocument> documentOwner = NewListDocument();
+  tinyxml2::XMLDocument& document = *documentOwner;
   if (document.LoadFile(path) != tinyxml2::XML_SUCCESS) {
     std::fprintf(stderr, "fail to parse xml file: %s\n", path);
     list.outcome = ListFileOutcome::kLoadFailed;

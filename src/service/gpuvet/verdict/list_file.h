@@ -1,10 +1,12 @@
 #pragma once
 
+#include <memory>
 #include <vector>
 
 #include "opencl/cl_device_key.h"
 
 namespace tinyxml2 {
+class XMLDocument;
 class XMLElement;
 }
 
@@ -27,6 +29,10 @@ struct ListFile {
   std::vector<ClDeviceKey> items;
 };
 
+// An empty document, set up as every list reading sets it up: entities
+// processed, white space kept.
+std::unique_ptr<tinyxml2::XMLDocument> NewListDocument();
+
 // Reads the items of the list file at path whose root element is named rootName.
 ListFile ReadListFile(const char* path, const char* rootName);
 
@@ -40,5 +46,8 @@ const tinyxml2::XMLElement* NextItem(const tinyxml2::XMLElement& item);
 // name; a field that is missing, or whose first child is no text, keeps its
 // fresh value. VID is a decimal number: "0x10de" reads as 0.
 ClDeviceKey ReadItem(const tinyxml2::XMLElement& item);
+// The text of a field element: its first child node, when that node is a text
+// (CDATA included). Empty, the fresh value, when there is no such element or text.
+const char* FieldText(const tinyxml2::XMLElement& item, const char* fieldName);
 
 }  // namespace gpuvet

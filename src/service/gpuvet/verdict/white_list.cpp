@@ -11,9 +11,11 @@
 namespace gpuvet {
 namespace {
 
-// The one device under test. A named adapter brings its own device; without
-// one, the first device of another vendor than Intel, else the first device.
-// False when there is no device at all.
+// Byte order, not number order: "9.17" is at least "10.18", and "391.35" at least "391".
+bool AtLeast(const std::string& device, const std::string& item) { return !StringLess(device, item); }
+
+}  // namespace
+
 bool ChooseDeviceUnderTest(int32_t gpuIndex, ClDeviceKey& tocheck) {
   if (gpuIndex >= 0) {
     tocheck = SelectedClDevice;
@@ -28,17 +30,11 @@ bool ChooseDeviceUnderTest(int32_t gpuIndex, ClDeviceKey& tocheck) {
   return true;
 }
 
-// Byte order, not number order: "9.17" is at least "10.18", and "391.35" at least "391".
-bool AtLeast(const std::string& device, const std::string& item) { return !StringLess(device, item); }
-
-// An item admits a device of its vendor and name whose versions are each at least the item's.
 bool Admits(const ClDeviceKey& item, const ClDeviceKey& tocheck) {
   return item.VID == tocheck.VID && item.DeviceName == tocheck.DeviceName &&
          AtLeast(tocheck.DeviceVersion, item.DeviceVersion) && AtLeast(tocheck.OpenCLCVersion, item.OpenCLCVersion) &&
          AtLeast(tocheck.DriverVersion, item.DriverVersion);
 }
-
-}  // namespace
 
 bool IsInWhiteList(const char* path, int32_t gpuIndex) {
   Print("check before in white list start\n");

@@ -1,4 +1,5 @@
 #include "platform/linux/pci_devices.h"
+#include "platform/pci_ids.h"
 
 extern "C" {
 #include <pci/pci.h>
@@ -76,6 +77,12 @@ std::string LookupDeviceName(uint32_t vendorId, uint32_t deviceId) {
   return ClipDeviceName(name != nullptr ? std::string(name) : std::string());
 }
 
+bool KnowsVendor(uint32_t vendorId) {
+  char buffer[256] = {};
+  return pci_lookup_name(&NameDatabase(), buffer, sizeof buffer, PCI_LOOKUP_VENDOR | PCI_LOOKUP_NO_NUMBERS,
+                         static_cast<int>(vendorId)) != nullptr;
+}
+
 std::optional<std::vector<PciDisplayDevice>> ListDisplayDevices(const std::string& devicesDir,
                                                                 const SkipReporter& reportSkip) {
   const DirPtr dir(opendir(devicesDir.c_str()));
@@ -105,3 +112,13 @@ std::optional<std::vector<PciDisplayDevice>> ListDisplayDevices(const std::strin
 }
 
 }  // namespace gpuvet::platform::sysfs
+
+namespace gpuvet::platform {
+
+// A database that does not name Intel is no database at all.
+bool IsKnownVendor(uint32_t vendorId) {
+  static const bool haveDatabase = sysfs::KnowsVendor(0x8086);
+  return !haveDatabase || sysfs::KnowsVendor(vendorId);
+}
+
+}  // namespace gpuvet::platform

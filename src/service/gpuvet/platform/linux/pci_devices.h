@@ -40,6 +40,9 @@ std::optional<uint32_t> ReadNumberFile(const std::string& path);
 // and the driver rows give one name.
 std::string ClipDeviceName(std::string name);
 
+// True when the PCI ID database names the vendor id.
+bool KnowsVendor(uint32_t vendorId);
+
 // The device name that lspci shows for the ids, or libpci's fallback text, cut
 // to kMaxDeviceNameBytes.
 std::string LookupDeviceName(uint32_t vendorId, uint32_t deviceId);
