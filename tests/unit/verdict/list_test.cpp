@@ -1,12 +1,11 @@
-// The list files: how they are read, and the black and white list tests over them.
+// The verdict's decisions in-process: how list files are read, the black and
+// white list tests over the device table, and the driver year.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
-#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,6 +13,7 @@
 #include "opencl/cl_device_key.h"
 #include "verdict/black_list.h"
 #include "verdict/list_file.h"
+#include "verdict/run_verdict.h"
 #include "verdict/white_list.h"
 
 namespace gpuvet::testing {
@@ -48,8 +48,7 @@ class ListFileTest : public ::testing::Test {
     SelectedClDevice = ClDeviceKey{};
   }
   static void SetTable(std::vector<ClDeviceKey> devices) {  // in key order, as the census leaves it
-    SortUnique(devices);
-    ClDeviceTable = devices;
+    SortUnique(ClDeviceTable = std::move(devices));
   }
   const std::string& Write(const std::string& content) const {
     std::ofstream(path_, std::ios::binary) << content;
@@ -68,25 +67,10 @@ class ListFileTest : public ::testing::Test {
   const std::string path_ = ::testing::TempDir() + "gpuvet_list_" + std::to_string(getpid()) + ".xml";
 };
 
-// The keys one a line, so that a failure shows what was read.
-std::string Lines(const std::vector<ClDeviceKey>& keys) {
-  std::string text;
-  for (const ClDeviceKey& k : keys) {
-    text += std::to_string(k.VID) + "|" + k.DeviceName + "|" + k.OpenCLCVersion + "|" + k.DeviceVersion + "|" +
-            k.DriverVersion + "\n";
-  }
-  return text;
-}
-
 std::string Black(const std::string& body) { return "<BlackList>" + body + "</BlackList>"; }
 std::string Item(const std::string& fields) { return "<Item>" + fields + "</Item>"; }
-std::string Vid(const char* vid, const char* name) {
-  return Item(std::string("<VID>") + vid + "</VID><DeviceName>" + name + "</DeviceName>");
-}
 
-using ReadListFileTest = ListFileTest;
-
-TEST_F(ReadListFileTest, ReadsTheItemsInKeyOrder) {
+TEST_F(ListFileTest, ReadsTheItemsInKeyOrder) {
   const struct {
     const char* what;
     std::string content;
@@ -110,69 +94,32 @@ TEST_F(ReadListFileTest, ReadsTheItemsInKeyOrder) {
       {"CDATA and entities give their text",
        Black(Item("<DeviceName><![CDATA[a<b&c]]></DeviceName><DriverVersion>x &amp; &lt;y&gt; &#65;</DriverVersion>")),
        {{0, "a<b&c", "", "", "x & <y> A"}}},
-      {"the vendor id: a decimal scan after blanks and sign, hexadecimal reads 0, saturated",
-       Black(Vid(" \t+4318abc", "1") + Vid("-1", "2") + Vid("0x10de", "3") + Vid("99999999999", "4") +
-             Vid("-99999999999", "5")),
-       {{0, "3", "", "", ""}, {4318, "1", "", "", ""}, {0x7FFFFFFF, "4", "", "", ""}, {0x80000000, "5", "", "", ""},
-        {0xFFFFFFFF, "2", "", "", ""}}},
+      {"the vendor id: a decimal scan, hexadecimal reads 0, a negative one kept bit for bit",
+       Black(Item("<VID> +4318abc</VID><DeviceName>1</DeviceName>") + Item("<VID>-1</VID><DeviceName>2</DeviceName>") +
+             Item("<VID>0x10de</VID><DeviceName>3</DeviceName>")),
+       {{0, "3", "", "", ""}, {4318, "1", "", "", ""}, {0xFFFFFFFF, "2", "", "", ""}}},
   };
   for (const auto& c : cases) {
     const ListFile list = ReadListFile(Write(c.content).c_str(), kBlackListRoot);
     EXPECT_EQ(list.outcome, ListFileOutcome::kRead) << c.what;
-    EXPECT_EQ(Lines(list.items), Lines(c.items)) << c.what;
+    EXPECT_EQ(ListXml("Read", list.items), ListXml("Read", c.items)) << c.what;
   }
-}
-
-TEST_F(ReadListFileTest, TellsALoadFailure) {
-  for (const char* content : {static_cast<const char*>(nullptr), "", "<BlackList><Item>"}) {  // null: no file
-    const std::string path = content == nullptr ? path_ + ".missing" : Write(content);
+  // No file, or no XML: the failure is told on standard error.
+  for (const std::string& path : {path_ + ".missing", Write("<BlackList><Item>")}) {
     ::testing::internal::CaptureStderr();
     EXPECT_EQ(ReadListFile(path.c_str(), kBlackListRoot).outcome, ListFileOutcome::kLoadFailed) << path;
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "fail to parse xml file: " + path + "\n");
   }
 }
 
-// The sort goes through integer prefixes of the strings past their shared start, and has to give the plain
-// key order: strings that share a start, end around the prefix length and hold the extreme bytes.
-TEST(SortUnique, GivesThePlainKeyOrder) {
-  std::mt19937 random(7);
-  const auto pick = [&random](std::size_t count) { return static_cast<std::size_t>(random() % count); };
-  const char bytes[] = {'\0', '1', 'A', 'a', '\xFF'};
-  const uint32_t vendors[] = {0x1, 0x8086, 0x10de, 0x10de01, 0x80000000u};  // differing in each byte
-  const auto text = [&](const std::string& start) {  // the start, perhaps less its last byte, and up to ten bytes
-    std::string result = start.substr(0, start.size() - pick(2));
-    for (std::size_t length = pick(11); length > 0; --length) {
-      result += bytes[pick(std::size(bytes))];
-    }
-    return result;
-  };
-  for (int round = 0; round < 20; ++round) {
-    std::vector<ClDeviceKey> keys;
-    for (int n = 0; n < 300; ++n) {
-      keys.push_back({vendors[pick(std::size(vendors))], text(pick(2) ? "NVIDIA GeForce " : "NVIDIA GeForce GTX 10"),
-                      text("OpenCL C "), text(""), text("3")});
-      keys.push_back(keys[pick(keys.size())]);
-    }
-    std::vector<ClDeviceKey> expected = keys;
-    std::sort(expected.begin(), expected.end(), ClDeviceKeyLess);
-    expected.erase(std::unique(expected.begin(), expected.end(), ClDeviceKeyEqual), expected.end());
-    SortUnique(keys);
-    ASSERT_EQ(Lines(keys), Lines(expected)) << "round " << round;
-  }
-}
-
-std::string Counts(int check, int items, int hits) {
-  return "check_list: " + std::to_string(check) + ", black_list: " + std::to_string(items) +
-         ". intersection: " + std::to_string(hits) + "\n";
-}
-
-using BlackListTest = ListFileTest;
-
-TEST_F(BlackListTest, ChecksTheWholeTableOrTheSelectedDevice) {
+TEST_F(ListFileTest, BlackListChecksTheWholeTableOrTheSelectedDevice) {
   SetTable({kNvidia, kIntel, kAmd});
   SelectedClDevice = kNvidia;
   const ClDeviceKey newerDriver{kNvidia.VID, kNvidia.DeviceName, "OpenCL C 1.2", "OpenCL 3.0 CUDA", "391.36"};
-  const std::string checkLine = "    check : [" + kNvidia.DeviceName + "]\n";
+  const auto counts = [](int check, int items, int hits) {
+    return "check_list: " + std::to_string(check) + ", black_list: " + std::to_string(items) +
+           ". intersection: " + std::to_string(hits) + "\n";
+  };
   const struct {
     const char* what;
     int32_t gpuIndex;
@@ -180,10 +127,10 @@ TEST_F(BlackListTest, ChecksTheWholeTableOrTheSelectedDevice) {
     bool result;
     std::string lines;  // between the start and the end line; none: the end line is missing too
   } cases[] = {
-      {"no index: every device of the table", -1, ListXml("BlackList", {kAmd, kIntel, kAmd}), true, Counts(3, 2, 2)},
-      {"all five fields must match", -1, ListXml("BlackList", {newerDriver}), false, Counts(3, 1, 0)},
-      {"no item", -1, ListXml("BlackList", {}), false, Counts(3, 0, 0)},
-      {"an index: the selected one", 0, ListXml("BlackList", {kIntel, kNvidia}), true, checkLine + Counts(1, 2, 1)},
+      {"no index: every device of the table", -1, ListXml("BlackList", {kAmd, kIntel, kAmd}), true, counts(3, 2, 2)},
+      {"all five fields must match", -1, ListXml("BlackList", {newerDriver}), false, counts(3, 1, 0)},
+      {"an index: the selected one", 0, ListXml("BlackList", {kIntel, kNvidia}), true,
+       "    check : [" + kNvidia.DeviceName + "]\n" + counts(1, 2, 1)},
       {"not a list", -1, ListXml("blacklist", {kNvidia}), false, ""},
   };
   for (const auto& c : cases) {
@@ -194,69 +141,62 @@ TEST_F(BlackListTest, ChecksTheWholeTableOrTheSelectedDevice) {
   }
 }
 
-std::string Told(const std::string& name, std::size_t items, bool admitted) {
-  return "check before in white list start\n    tocheck: " + name + ", white_list: " + std::to_string(items) +
-         ". ok: " + (admitted ? "YES" : "NO") + "\ncheck before in white list end\n\n";
-}
-
 ClDeviceKey Gpu(const char* clcVersion, const char* deviceVersion, const char* driver, const char* name = "GPU") {
   return {kNvidia.VID, name, clcVersion, deviceVersion, driver};
 }
 
-using WhiteListTest = ListFileTest;
-
-TEST_F(WhiteListTest, ItemsAreMinimumsInByteOrder) {
-  const struct {
-    const char* what;
-    ClDeviceKey device;
-    std::vector<ClDeviceKey> items;  // none of them equal
-    bool admitted;
-  } cases[] = {
-      {"9.17 is at least 10.18", Gpu("1", "9.17", "1"), {Gpu("1", "10.18", "1")}, true},
-      {"391.35 is at least 391", Gpu("1", "1", "391.35"), {Gpu("1", "1", "391")}, true},
-      {"OpenCL C version above", Gpu("1", "1", "1"), {Gpu("2", "1", "1")}, false},
-      {"device version above", Gpu("1", "10.18", "1"), {Gpu("1", "9.17", "1")}, false},
-      {"driver version above", Gpu("1", "1", "391"), {Gpu("1", "1", "391.35")}, false},
-      {"the item after one above admits", Gpu("1", "1", "1"), {Gpu("0", "1", "2"), Gpu("1", "1", "1")}, true},
-      {"part of the name", Gpu("1", "1", "1"), {Gpu("1", "1", "1", "GP")}, false},
-      {"the name in another case", Gpu("1", "1", "1"), {Gpu("1", "1", "1", "gpu")}, false},
-      {"another vendor id", Gpu("1", "1", "1"), {{0, "GPU", "1", "1", "1"}}, false},
-      {"no item", Gpu("1", "1", "1"), {}, false},
-  };
-  for (const auto& c : cases) {
-    SetTable({c.device});
-    const auto [result, out] = Run(IsInWhiteList, ListXml("WhiteList", c.items), -1);
-    EXPECT_EQ(result, c.admitted) << c.what;
-    EXPECT_EQ(out, Told(c.device.DeviceName, c.items.size(), c.admitted)) << c.what;
-  }
-  for (const char* notAList : {"<BlackList><Item/></BlackList>", "<?xml version=\"1.0\"?><!-- no element -->"}) {
-    EXPECT_EQ(Run(IsInWhiteList, notAList, -1).second, "check before in white list start\n") << notAList;
-  }
-}
-
-TEST_F(WhiteListTest, ChoosesTheDeviceUnderTest) {
-  // Of a vendor id above Intel's, so that Intel's device comes first in the table.
-  const ClDeviceKey other{0x10006, "Other GPU", "OpenCL C 1.2", "OpenCL 3.0", "1.0"};
+// The device under test: with an index the selected one, else the first of
+// another vendor than Intel, else the first; with none nothing is admitted. An
+// item admits a device of its vendor and name whose versions are each at least
+// the item's, in byte order.
+TEST_F(ListFileTest, WhiteListAdmitsTheDeviceUnderTest) {
+  const ClDeviceKey other{0x10006, "Other GPU", "OpenCL C 1.2", "OpenCL 3.0", "1.0"};  // sorts after Intel's
   const ClDeviceKey arc{kIntel.VID, "Intel(R) Arc(TM) A770 Graphics", "OpenCL C 3.0", "OpenCL 3.0 NEO", "22.43.24595"};
+  const std::vector<ClDeviceKey> every = {ClDeviceKey{}, kIntel, arc, other, kNvidia};
   SelectedClDevice = kNvidia;
   const struct {
     const char* what;
     std::vector<ClDeviceKey> table;
-    int32_t gpuIndex;
-    ClDeviceKey tocheck;
+    std::vector<ClDeviceKey> items;  // none of them equal
+    bool admitted;
+    int32_t gpuIndex = -1;
+    std::string tocheck = "GPU";
   } cases[] = {
-      {"the first of another vendor than Intel", {kIntel, other}, -1, other},
-      {"Intel's alone: the first", {kIntel, arc}, -1, arc},
-      {"an index: the selected device", {kIntel, other}, 0, kNvidia},
-      {"no device: nothing, not even the fresh item, is admitted", {}, -1, ClDeviceKey{}},
+      {"9.17 is at least 10.18", {Gpu("1", "9.17", "1")}, {Gpu("1", "10.18", "1")}, true},
+      {"391.35 is at least 391", {Gpu("1", "1", "391.35")}, {Gpu("1", "1", "391")}, true},
+      {"OpenCL C version above", {Gpu("1", "1", "1")}, {Gpu("2", "1", "1")}, false},
+      {"device version above", {Gpu("1", "10.18", "1")}, {Gpu("1", "9.17", "1")}, false},
+      {"driver version above", {Gpu("1", "1", "391")}, {Gpu("1", "1", "391.35")}, false},
+      {"an equal item after one above", {Gpu("1", "1", "1")}, {Gpu("0", "1", "2"), Gpu("1", "1", "1")}, true},
+      {"part of the name", {Gpu("1", "1", "1")}, {Gpu("1", "1", "1", "GP")}, false},
+      {"the name in another case", {Gpu("1", "1", "1")}, {Gpu("1", "1", "1", "gpu")}, false},
+      {"another vendor id", {Gpu("1", "1", "1")}, {{0, "GPU", "1", "1", "1"}}, false},
+      {"the first of another vendor than Intel", {kIntel, other}, every, true, -1, other.DeviceName},
+      {"Intel's alone: the first", {kIntel, arc}, every, true, -1, arc.DeviceName},
+      {"an index: the selected device", {kIntel, other}, every, true, 0, kNvidia.DeviceName},
+      {"no device, not even for the fresh item", {}, every, false, -1, ""},
   };
-  const std::vector<ClDeviceKey> everyDevice = {ClDeviceKey{}, kIntel, arc, other, kNvidia};
   for (const auto& c : cases) {
     SetTable(c.table);
-    const auto [result, out] = Run(IsInWhiteList, ListXml("WhiteList", everyDevice), c.gpuIndex);
-    const bool admitted = !c.table.empty();
-    EXPECT_EQ(result, admitted) << c.what;
-    EXPECT_EQ(out, Told(c.tocheck.DeviceName, everyDevice.size(), admitted)) << c.what;
+    const auto [result, out] = Run(IsInWhiteList, ListXml("WhiteList", c.items), c.gpuIndex);
+    EXPECT_EQ(result, c.admitted) << c.what;
+    EXPECT_EQ(out, "check before in white list start\n    tocheck: " + c.tocheck + ", white_list: " +
+                       std::to_string(c.items.size()) + ". ok: " + (c.admitted ? "YES" : "NO") +
+                       "\ncheck before in white list end\n\n")
+        << c.what;
+  }
+  for (const char* notAList : {"<BlackList><Item/></BlackList>", "<?xml version=\"1.0\"?><!-- no element -->"}) {
+    const std::pair<bool, std::string> silentNo{false, "check before in white list start\n"};
+    EXPECT_EQ(Run(IsInWhiteList, notAList, -1), silentNo) << notAList;
+  }
+}
+
+// A byte comparison with the year's text: "2012" is the date of a failed driver lookup.
+TEST(IsOldDriver, ComparesTheDateTextWithTheYearByteByByte) {
+  for (const auto& [date, old] : {std::pair<const char*, bool>{"2012", true}, {"", true},
+                                  {"20171231000000.000000-000", true}, {"2018", false},
+                                  {"20180101000000.000000-000", false}}) {
+    EXPECT_EQ(IsOldDriver(date), old) << "'" << date << "'";
   }
 }
 
