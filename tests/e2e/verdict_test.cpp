@@ -281,13 +281,13 @@ TEST_F(RunTest, VerdictEndsWithItsCode) {
   const struct {
     const char* what;
     bool withGpuIndex;
-    bool driverOf2018;  // else no driver is bound: the lookup fails and the date is "2012"
+    bool driverOf2018;  // else no driver is bound: its row has an empty date, which is old
     std::vector<std::vector<IcdDevice>> platforms;
     std::vector<IcdDevice> black, white;  // the devices listed; none: no path for that list
     int status;
     std::string tail;
   } cases[] = {
-      {"failed driver lookup is old", true, false, {{NvidiaDevice()}}, {}, {}, kStatusOldDriver,
+      {"adapter without a driver is old", true, false, {{NvidiaDevice()}}, {}, {}, kStatusOldDriver,
        Checked(nvidiaName) + old},
       {"no platform ends after the count", true, false, {}, {}, {}, kStatusNoPlatform,
        "\n\n\ngpuvet begin\nnum_platforms: 0\nno platform!\n"},
