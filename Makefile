@@ -6,7 +6,7 @@ JOBS ?= $(shell nproc)
 # Extra gpuvet arguments for `make run`, e.g. GPUVET_ARGS="--gpu 0 --details".
 GPUVET_ARGS ?=
 
-.PHONY: all build deps-run deps-test run test test-debug test-asan test-tsan fuzz bench lint clean
+.PHONY: all build deps-run deps-test run test test-debug test-asan test-tsan fuzz bench lint clean windows test-windows
 
 all: build
 
@@ -27,7 +27,7 @@ run: deps-run build
 # The whole suite in a Debug build with warnings as errors, then again under
 # AddressSanitizer and UndefinedBehaviorSanitizer, then the threaded parts under
 # ThreadSanitizer.
-test: deps-test test-debug test-asan test-tsan
+test: deps-test test-debug test-asan test-tsan test-windows
 
 test-debug:
 	cmake -S . -B $(BUILD)/test -DCMAKE_BUILD_TYPE=Debug -DGPUVET_WERROR=ON
@@ -43,6 +43,21 @@ test-tsan:
 	cmake -S . -B $(BUILD)/tsan -DCMAKE_BUILD_TYPE=Debug -DGPUVET_WERROR=ON -DGPUVET_SANITIZE=thread
 	cmake --build $(BUILD)/tsan -j$(JOBS)
 	cd $(BUILD)/tsan && ctest --output-on-failure -j$(JOBS) -L 'watchdog|e2e'
+
+# gpuvet.exe for 64-bit Windows, cross-built with mingw-w64: $(BUILD)/windows/gpuvet.exe.
+WINDOWS_DEPS = $(abspath $(BUILD))/windows-deps
+windows:
+	@bash scripts/install-windows-deps.sh $(WINDOWS_DEPS)
+	cmake -S . -B $(BUILD)/windows -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake -DCMAKE_BUILD_TYPE=Release \
+		-DGPUVET_WERROR=ON -DGPUVET_WINDOWS_DEPS=$(WINDOWS_DEPS) \
+		-DGPUVET_TEST_ICD=$(abspath $(BUILD))/windows/libgpuvet_test_icd.so
+	cmake --build $(BUILD)/windows -j$(JOBS) --target gpuvet
+
+# The Windows suite: the real gpuvet.exe under Wine, with the test ICD built natively.
+test-windows: windows
+	cmake --build $(BUILD)/windows -j$(JOBS)
+	cc -shared -fPIC -O1 -o $(BUILD)/windows/libgpuvet_test_icd.so tests/test_icd/test_icd.c
+	cd $(BUILD)/windows && ctest --output-on-failure -L windows
 
 # Every libFuzzer target for FUZZ_SECONDS each (clang, ASan and UBSan).
 FUZZ_SECONDS ?= 60

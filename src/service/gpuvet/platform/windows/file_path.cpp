@@ -1,0 +1,9 @@
+#include "platform/file_path.h"
+
+namespace gpuvet::platform {
+
+std::string JoinPath(const std::string& directory, const std::string& fileName) {
+  return directory + "\\" + fileName;
+}
+
+}  // namespace gpuvet::platform

@@ -1,0 +1,130 @@
+#include "platform/process.h"
+
+#include <windows.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cwchar>
+
+namespace gpuvet::platform {
+namespace {
+
+std::atomic<ProcessHandler> g_invalidParameterHandler{nullptr};
+std::atomic<ProcessHandler> g_pureCallHandler{nullptr};
+
+// The code that a foreign end of the process is turned into; kNotGuarded when
+// the tool itself may end the process.
+constexpr int32_t kNotGuarded = 0;
+std::atomic<int32_t> g_guardedCode{kNotGuarded};
+std::atomic<bool> g_exitHandlerInstalled{false};
+
+[[noreturn]] void EndWithHandler(const std::atomic<ProcessHandler>& handler) {
+  if (const ProcessHandler installed = handler.load()) {
+    installed();
+  }
+  ExitProcessNow(EXIT_FAILURE);
+}
+
+void __cdecl OnRuntimeInvalidParameter(const wchar_t* /*expression*/, const wchar_t* /*function*/,
+                                       const wchar_t* /*file*/, unsigned int /*line*/, uintptr_t /*reserved*/) {
+  EndWithHandler(g_invalidParameterHandler);
+}
+
+void __cdecl OnRuntimePureCall() {
+  EndWithHandler(g_pureCallHandler);
+}
+
+// Straight to the standard output handle: the stream's lock may be held by the
+// thread that faulted.
+void WriteText(const char* text) {
+  const HANDLE output = ::GetStdHandle(STD_OUTPUT_HANDLE);
+  DWORD length = 0;
+  while (text[length] != '\0') {
+    ++length;
+  }
+  DWORD written = 0;
+  if (output != nullptr && output != INVALID_HANDLE_VALUE) {
+    ::WriteFile(output, text, length, &written, nullptr);
+  }
+}
+
+[[noreturn]] void EndForeign(const char* what) {
+  char line[96];
+  std::snprintf(line, sizeof line, "exception: %s\r\n", what);
+  WriteText(line);
+  ExitProcessNow(g_guardedCode.load());
+}
+
+// A fault on any thread, once no handler of the thread took it: no crash box,
+// no debugger, the refusal code.
+LONG WINAPI OnUnhandledException(EXCEPTION_POINTERS* pointers) {
+  if (g_guardedCode.load() == kNotGuarded) {
+    return EXCEPTION_CONTINUE_SEARCH;
+  }
+  char what[48];
+  std::snprintf(what, sizeof what, "0x%08lX", pointers->ExceptionRecord->ExceptionCode);
+  EndForeign(what);
+}
+
+// abort, and std::terminate through it.
+void OnAbortSignal(int /*signal*/) {
+  if (g_guardedCode.load() != kNotGuarded) {
+    EndForeign("abort");
+  }
+  ExitProcessNow(EXIT_FAILURE);
+}
+
+// Runs for every exit of the runtime; only one that comes while the run is guarded is foreign.
+void OnExit() {
+  if (g_guardedCode.load() != kNotGuarded) {
+    EndForeign("exit from inside the run");
+  }
+}
+
+}  // namespace
+
+void SetErrorMode(uint32_t mode) {
+  ::SetErrorMode(mode);
+}
+
+void SetInvalidParameterHandler(ProcessHandler handler) {
+  g_invalidParameterHandler.store(handler);
+  ::_set_invalid_parameter_handler(OnRuntimeInvalidParameter);
+}
+
+void SetPureCallHandler(ProcessHandler handler) {
+  g_pureCallHandler.store(handler);
+  ::_set_purecall_handler(OnRuntimePureCall);
+}
+
+void ReportInvalidParameter() {
+  EndWithHandler(g_invalidParameterHandler);
+}
+
+// TerminateProcess: no exit handlers, no DLL detach and no flush, whatever the
+// other threads hold.
+void ExitProcessNow(int32_t code) {
+  ::TerminateProcess(::GetCurrentProcess(), static_cast<UINT>(code));
+  ::ExitProcess(static_cast<UINT>(code));
+}
+
+void GuardProcessEnd(int32_t code) {
+  g_guardedCode.store(code);
+  if (!g_exitHandlerInstalled.exchange(true)) {
+    std::atexit(OnExit);
+  }
+  std::signal(SIGABRT, OnAbortSignal);
+  ::SetUnhandledExceptionFilter(OnUnhandledException);
+}
+
+void AllowProcessEnd() {
+  g_guardedCode.store(kNotGuarded);
+}
+
+}  // namespace gpuvet::platform
+
+extern "C" void gpuvet_windows_pure_call() {
+  gpuvet::platform::EndWithHandler(gpuvet::platform::g_pureCallHandler);
+}

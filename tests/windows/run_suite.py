@@ -1,0 +1,332 @@
+#!/usr/bin/env python3
+"""The Windows suite: the real gpuvet.exe under Wine on fixture machines.
+
+Each session gets a private Wine prefix, cloned from one made once, with its
+own wineserver kept up while it runs. A fixture machine is: display adapters
+as SetupAPI registry entries beside Wine's own adapter, the driver rows from the
+test WbemLocator server (or Wine's own WMI), and the project's test ICD as the
+only OpenCL vendor. Output is compared with its "\\r\\n" turned into "\\n".
+"""
+import argparse
+import concurrent.futures
+import os
+import shutil
+import struct
+import subprocess
+import sys
+import time
+
+WBEM_LOCATOR = "{4590F811-1D3A-11D0-891F-00AA004B2E24}"
+DISPLAY_CLASS = "{4d36e968-e325-11ce-bfc1-08002be10318}"
+
+NVIDIA = ("VEN_10DE&DEV_1B80&SUBSYS_119E10DE&REV_A1\\4&2A4F5D5B&0&0008", "NVIDIA GeForce GTX 1080")
+RADEON = ("VEN_1002&DEV_67DF&SUBSYS_00000000&REV_00\\4&1&0&0010", "Radeon RX 580")
+NVIDIA_ROW = {"Caption": "NVIDIA GeForce GTX 1080", "PNPDeviceID": "PCI\\VEN_10DE&DEV_1B80\\X",
+              "DriverVersion": "31.0.15.1234", "DriverDate": "20230105000000.000000-000"}
+OLD_NVIDIA_ROW = dict(NVIDIA_ROW, DriverDate="20150105000000.000000-000")
+# Found by its PNP id alone, with null driver values.
+RADEON_ROW = {"PNPDeviceID": "PCI\\VEN_1002&DEV_67DF\\Y"}
+
+GTX_DEVICE = {"vendor": 0x10DE, "name": "NVIDIA GeForce GTX 1080", "version": "OpenCL 3.0 CUDA",
+              "driver": "535.1", "c_version": "OpenCL C 1.2"}
+
+LIST_ITEM = """<Item><VID>4318</VID><DeviceName>NVIDIA GeForce GTX 1080</DeviceName>
+<OpenCLCVersion>OpenCL C 1.2</OpenCLCVersion><DeviceVersion>OpenCL 3.0 CUDA</DeviceVersion>
+<DriverVersion>{driver}</DriverVersion></Item>"""
+LISTS = {
+    "white_ok": "<WhiteList>" + LIST_ITEM.format(driver="470") + "</WhiteList>",
+    "white_refuses": "<WhiteList>" + LIST_ITEM.format(driver="999") + "</WhiteList>",
+    "black_hit": "<BlackList>" + LIST_ITEM.format(driver="535.1") + "</BlackList>",
+}
+
+# A run: arguments, rows (None: as the session had them), ICD config, expected
+# status at the Linux parent, lines the output must hold in this order.
+# Sessions group runs that share a fixture machine.
+
+
+def icd_config(platforms):
+    """The test ICD's statements for platforms, each a list of devices (dicts)."""
+    def text(param, value):
+        return "info %x %s\n" % (param, (value.encode() + b"\0").hex())
+    out = ""
+    for devices in platforms:
+        out += "platform\n" + text(0x900, "FULL_PROFILE") + text(0x901, "OpenCL 3.0 test") + \
+            text(0x902, "gpuvet test") + text(0x903, "gpuvet") + text(0x904, "cl_khr_icd") + text(0x920, "TEST")
+        for device in devices:
+            out += "device\n" + "info 1000 %s\n" % struct.pack("<Q", 4).hex() + \
+                "info 1001 %s\n" % struct.pack("<I", device["vendor"]).hex() + \
+                text(0x102B, device["name"]) + text(0x102F, device["version"]) + \
+                text(0x102D, device["driver"]) + text(0x103D, device["c_version"]) + text(0x1030, "")
+            out += "".join("fault %x 0 0 %d\n" % (param, sleep) for param, sleep in device.get("sleep", []))
+    return out
+
+
+def rows_text(rows, fail=None):
+    out = "fail %s\n" % fail if fail else ""
+    for row in rows:
+        out += "row\n" + "".join("%s=%s\n" % item for item in row.items())
+    return out
+
+
+def reg_text(adapters, wmi_dll):
+    lines = ["Windows Registry Editor Version 5.00", ""]
+    for number, (key, name) in enumerate(adapters, 1):
+        hardware_id = "PCI\\" + key.split("\\")[0]
+        multi_sz = ",".join("%02x" % b for b in (hardware_id + "\0\0").encode("utf-16-le"))
+        lines += ["[HKEY_LOCAL_MACHINE\\System\\CurrentControlSet\\Enum\\PCI\\%s]" % key,
+                  '"ClassGUID"="%s"' % DISPLAY_CLASS, '"Class"="Display"', '"HardwareID"=hex(7):' + multi_sz,
+                  '"DeviceDesc"="%s"' % name, '"Driver"="%s\\\\%04d"' % (DISPLAY_CLASS, number), ""]
+    if wmi_dll:
+        lines += ["[HKEY_LOCAL_MACHINE\\Software\\Classes\\CLSID\\%s\\InprocServer32]" % WBEM_LOCATOR,
+                  '@="%s"' % windows_path(wmi_dll).replace("\\", "\\\\"), '"ThreadingModel"="Both"', ""]
+    return "\r\n".join(lines).encode("utf-16")  # with its byte-order mark
+
+
+def windows_path(path):
+    return "Z:" + os.path.abspath(path).replace("/", "\\")
+
+
+class Session:
+    """A fixture machine: a cloned prefix with its wineserver up."""
+
+    def __init__(self, suite, name, adapters, wmi=True):
+        self.suite, self.dir = suite, os.path.join(suite.work, name)
+        shutil.rmtree(self.dir, ignore_errors=True)
+        os.makedirs(self.dir)
+        self.prefix = os.path.join(self.dir, "prefix")
+        subprocess.run(["cp", "-al", suite.template, self.prefix], check=True)
+        for reg in ("system.reg", "user.reg", "userdef.reg"):  # written by Wine: real copies
+            os.remove(os.path.join(self.prefix, reg))
+            shutil.copy(os.path.join(suite.template, reg), self.prefix)
+        vendors = os.path.join(self.dir, "vendors")
+        os.makedirs(vendors)
+        self.write("vendors/gpuvet_test.icd", os.path.abspath(suite.test_icd) + "\n")
+        self.env = dict(os.environ, WINEPREFIX=self.prefix, WINEDEBUG="-all", LANG="C.UTF-8",
+                        OCL_ICD_VENDORS=vendors, OCL_ICD_PLATFORM_SORT="none",
+                        GPUVET_TEST_ICD_CONFIG=self.path("icd.conf"),
+                        GPUVET_TEST_WMI_ROWS=windows_path(self.path("rows.txt")),
+                        GPUVET_TEST_WMI_LOG=windows_path(self.path("wmi.log")))
+        subprocess.run(["wineserver", "-p"], env=self.env, check=True)
+        # Wine rebuilds its display devices as the session starts: the fixture goes in after that.
+        self.write("fixture.reg", reg_text(adapters, suite.wmi_dll if wmi else None))
+        subprocess.run(["wine", "regedit", "/S", windows_path(self.path("fixture.reg"))], env=self.env, check=True)
+
+    def path(self, name):
+        return os.path.join(self.dir, name)
+
+    def drive_c(self, name):
+        return os.path.join(self.prefix, "drive_c", name)
+
+    def write(self, name, content):
+        with open(self.path(name), "wb") as file:
+            file.write(content if isinstance(content, bytes) else content.encode())
+
+    def run(self, args, rows=None, fail=None, icd=(), timeout=30):
+        self.write("rows.txt", rows_text(rows or [], fail))
+        self.write("icd.conf", icd_config(icd))
+        started = time.monotonic()
+        done = subprocess.run(["wine", self.suite.exe] + args, env=self.env, stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, timeout=timeout)
+        return done.returncode, done.stdout.decode("utf-8", "surrogateescape").replace("\r\n", "\n"), \
+            time.monotonic() - started
+
+    def close(self):
+        subprocess.run(["wineserver", "-k"], env=self.env)
+        shutil.rmtree(self.dir, ignore_errors=True)
+
+
+def expect(failures, what, status, output, want_status, lines, absent=()):
+    if status != want_status:
+        failures.append("%s: status %d, expected %d\n%s" % (what, status, want_status, output))
+        return
+    at = 0
+    for line in lines:
+        found = output.find(line, at)
+        if found < 0:
+            failures.append("%s: missing (in order) %r\n%s" % (what, line, output))
+            return
+        at = found + len(line)
+    for text in absent:
+        if text in output:
+            failures.append("%s: unexpected %r\n%s" % (what, text, output))
+
+
+ADAPTER_LINES = (
+    "   Wine Adapter, device_id :0x0, vendor_id:0x0  ver:  date:2012\n"
+    "   Radeon RX 580, device_id :0x67DF, vendor_id:0x1002  ver:  date:\n"
+    "   NVIDIA GeForce GTX 1080, device_id :0x1B80, vendor_id:0x10DE  ver:31.0.15.1234  "
+    "date:20230105000000.000000-000\n")
+
+
+def session_machine(suite, failures):
+    """Adapters, rows, the command line and the result file on one machine."""
+    machine = Session(suite, "machine", [NVIDIA, RADEON])
+    try:
+        rows = [NVIDIA_ROW, RADEON_ROW]
+        status, output, _ = machine.run(["--GPU", "9"], rows)
+        expect(failures, "adapters and rows", status, output, 246, [
+            "name[NVIDIA GeForce GTX 1080]  id[PCI\\VEN_10DE&DEV_1B80\\X] target[Wine Adapter][DEV_0]\n"
+            "name[]  id[PCI\\VEN_1002&DEV_67DF\\Y] target[Wine Adapter][DEV_0]\n"
+            "name[NVIDIA GeForce GTX 1080]  id[PCI\\VEN_10DE&DEV_1B80\\X] target[Radeon RX 580][DEV_67DF]\n"
+            "name[]  id[PCI\\VEN_1002&DEV_67DF\\Y] target[Radeon RX 580][DEV_67DF]\n"
+            "Found id! name[]  id[PCI\\VEN_1002&DEV_67DF\\Y] ver[]  date[]\n"
+            "name[NVIDIA GeForce GTX 1080]  id[PCI\\VEN_10DE&DEV_1B80\\X] target[NVIDIA GeForce GTX 1080][DEV_1B80]\n"
+            "Found id! name[NVIDIA GeForce GTX 1080]  id[PCI\\VEN_10DE&DEV_1B80\\X] ver[31.0.15.1234]  "
+            "date[20230105000000.000000-000]\n" + ADAPTER_LINES + "\nAdapter: 9\nerror  index [9] infos.size[3]\n"])
+        log = open(machine.path("wmi.log")).read()
+        expect(failures, "the COM sequence", 0, log, 0, [
+            "CreateInstance 1\n", "ConnectServer ROOT\\CIMV2 0000 0 0\n", "SetBlanket 10 0 3 3 0\n",
+            "ExecQuery WQL SELECT * FROM Win32_OperatingSystem 0x30\nfree os enumerator\n",
+            "ExecQuery WQL SELECT * FROM Win32_VideoController 0x30\n", "Next -1 1\n",
+            "free services\nfree locator\nfree enumerator\n"])
+
+        # Command line: names in any case, values taken as the wide calls give them.
+        for args, want_status, lines in [
+            (["--HeLp", "--NOTEST"], 255, ["gpuvet.exe\ngpuvet.exe [--notest] [--details] [--blankrun] "
+                                           "[--recheck] [--result][--help]\nno test!\n"]),
+            (["--gpu", "99999999999"], 246, ["error  index [2147483647] infos.size[3]\n"]),
+            (["--gpu", " -99999999999x", "--notest"], 255, ["no test!\n"]),
+            (["--help", "--whitelist"], 24, ["gpuvet.exe [--notest]", "_invalid_parameter\n"]),
+            (["--notest", "--result"], 24, ["_invalid_parameter\n"]),
+            (["--gpu", "9", "--result", "C:\\r\u0100x"], 246, ["error  index [9]"]),
+        ]:
+            status, output, _ = machine.run(args, rows)
+            expect(failures, "command line %s" % args, status, output, want_status, lines, ["no test!"] *
+                   (want_status == 24))
+
+        # The stored verdict, in a directory named with "é" (one byte 0xE9) and
+        # one cut at the first character beyond U+00FF.
+        for directory, given in [("dé", "C:\\dé"), ("cut", "C:\\cut\u0100more")]:
+            os.makedirs(machine.drive_c(directory))
+            stale = machine.drive_c(directory + "/gpuvet.json.tmp-999999-1-0")
+            open(stale, "w").close()
+            args = ["--gpu", "2", "--result", given]
+            status, output, _ = machine.run(args, rows, icd=[[GTX_DEVICE]])
+            # Path values are narrowed byte for byte: "é" is printed as the one byte 0xE9.
+            path = "C:\\" + directory.replace("é", "\udce9") + "\\gpuvet.json"
+            expect(failures, "first run " + directory, status, output, 0, [
+                "parse failed: %s [-1]\n" % path, "gpuvet end(ok)\n", '"checkResult": 0', "file:%s\n" % path])
+            if not os.path.exists(machine.drive_c(directory + "/gpuvet.json")):
+                failures.append("no result file in " + directory)
+            if os.path.exists(stale):
+                failures.append("stale temporary file of a dead run left in " + directory)
+            status, output, _ = machine.run(args, rows)
+            expect(failures, "second run " + directory, status, output, 0, ["Find result in config. 0\n"],
+                   ["gpuvet begin"])
+    finally:
+        machine.close()
+
+
+def session_wmi_failures(suite, failures):
+    machine = Session(suite, "wmi_failures", [NVIDIA])
+    try:
+        for step in ["create", "connect", "blanket", "query1", "query2", "noenum"]:
+            status, output, _ = machine.run(["--gpu", "1"], [NVIDIA_ROW], fail=step, icd=[[GTX_DEVICE]])
+            expect(failures, "WMI failure at " + step, status, output, 13, [
+                "   Wine Adapter, device_id :0x0, vendor_id:0x0  ver:  date:2012\n"
+                "   NVIDIA GeForce GTX 1080, device_id :0x1B80, vendor_id:0x10DE  ver:  date:2012\n",
+                "driver is before 2018!\n"], ["name["])
+        log = open(machine.path("wmi.log")).read()
+        # Every object the lookups made is gone again: two lookups (two adapters) a step.
+        for kind in ["locator", "services", "enumerator", "os enumerator"]:
+            made = log.count("free " + kind + "\n")
+            if made != {"locator": 10, "services": 8, "enumerator": 0, "os enumerator": 4}[kind]:
+                failures.append("WMI failures: %s freed %d times\n%s" % (kind, made, log))
+    finally:
+        machine.close()
+
+
+def session_verdicts(suite, failures):
+    machine = Session(suite, "verdicts", [NVIDIA])
+    try:
+        for name, content in LISTS.items():
+            os.makedirs(machine.drive_c("lists"), exist_ok=True)
+            with open(machine.drive_c("lists/%s.xml" % name), "w") as file:
+                file.write(content)
+        for lists, row, icd, want_status, last in [
+            (["--whitelist", "C:\\lists\\white_ok.xml"], NVIDIA_ROW, [[GTX_DEVICE]], 0, "gpuvet end(ok)\n"),
+            (["--whitelist", "C:\\lists\\white_refuses.xml"], NVIDIA_ROW, [[GTX_DEVICE]], 11, "not in whitelist!\n"),
+            (["--whitelist", "C:\\lists\\white_refuses.xml"], OLD_NVIDIA_ROW, [[GTX_DEVICE]], 12,
+             "not in whitelist!\n& driver is before 2018!\n"),
+            ([], OLD_NVIDIA_ROW, [[GTX_DEVICE]], 13, "driver is before 2018!\n"),
+            (["--blacklist", "C:\\lists\\black_hit.xml"], NVIDIA_ROW, [[GTX_DEVICE]], 245, "in blacklist!\n"),
+            ([], NVIDIA_ROW, [], 246, "num_platforms: 0\nno platform!\n"),
+        ]:
+            status, output, _ = machine.run(["--gpu", "1"] + lists, [row], icd=icd)
+            expect(failures, "verdict %d" % want_status, status, output, want_status, [
+                "check---dx[NVIDIA GeForce GTX 1080][7040], cl[NVIDIA GeForce GTX 1080]" if icd else "", last])
+    finally:
+        machine.close()
+
+
+def session_watchdog_and_wine_wmi(suite, failures):
+    machine = Session(suite, "wine_wmi", [], wmi=False)
+    try:
+        status, output, _ = machine.run(["--gpu", "0"], icd=[[GTX_DEVICE]])
+        expect(failures, "Wine's own WMI", status, output, 246, [
+            "Found id! name[VideoController1]", "ver[30.0.14023.3004]  date[20220118000000.000000-000]\n",
+            "   Wine Adapter, device_id :0x0, vendor_id:0x0  ver:30.0.14023.3004  "
+            "date:20220118000000.000000-000\n", "check platforms end\n\n\n no platform!\n"])
+        slow = dict(GTX_DEVICE, sleep=[(0x102B, 12)])
+        status, output, seconds = machine.run(["--gpu", "0"], icd=[[slow]])
+        expect(failures, "watchdog", status, output, 11, ["Timeout exit:  GPUVET_NOT_IN_WHITELIST\n"],
+               ["gpuvet end"])
+        if not 8.5 < seconds < 11.5:
+            failures.append("watchdog: the run took %.1f s" % seconds)
+    finally:
+        machine.close()
+
+
+SESSIONS = [session_watchdog_and_wine_wmi, session_machine, session_verdicts, session_wmi_failures]
+
+
+class Suite:
+    def __init__(self, options):
+        self.exe, self.wmi_dll, self.test_icd = options.exe, options.wmi_dll, options.test_icd
+        self.work = os.path.abspath(options.work)
+        self.template = os.path.join(self.work, "template")
+
+
+def make_template(suite):
+    if os.path.exists(os.path.join(suite.template, "system.reg")):
+        return
+    shutil.rmtree(suite.template, ignore_errors=True)
+    env = dict(os.environ, WINEPREFIX=suite.template, WINEDEBUG="-all", LANG="C.UTF-8")
+    subprocess.run(["wineboot", "-i"], env=env, check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    subprocess.run(["wineserver", "-w"], env=env, check=True)
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    for option in ("--exe", "--wmi-dll", "--test-icd", "--work"):
+        parser.add_argument(option, required=True)
+    suite = Suite(parser.parse_args())
+    if shutil.which("wine") is None or shutil.which("wineserver") is None:
+        print("Windows suite skipped: Wine is not installed (scripts/install-windows-deps.sh)")
+        return 0
+    os.makedirs(suite.work, exist_ok=True)
+    started = time.monotonic()
+    make_template(suite)
+    results = {}
+    with concurrent.futures.ThreadPoolExecutor(max_workers=2) as pool:
+        futures = {pool.submit(session, suite, failures): (session.__name__, failures)
+                   for session in SESSIONS for failures in [[]]}
+        for future in concurrent.futures.as_completed(futures):
+            name, failures = futures[future]
+            try:
+                future.result()
+            except Exception as error:  # a harness fault counts as a failure of its session
+                failures.append("%s: %r" % (name, error))
+            results[name] = failures
+    for name, failures in sorted(results.items()):
+        print("%s %s" % ("FAIL" if failures else "PASS", name))
+        for failure in failures:
+            print("    " + failure.replace("\n", "\n    "))
+    failed = sum(1 for failures in results.values() if failures)
+    print("Windows suite: %.0f s" % (time.monotonic() - started))
+    print("%d passed, %d failed" % (len(results) - failed, failed))
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
