@@ -8,7 +8,6 @@
 #include <setupapi.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <cwchar>
 #include <cwctype>
@@ -17,25 +16,13 @@
 #include <vector>
 
 #include "platform/qdx.h"
+#include "platform/qdx_log.h"
 #include "platform/windows/wide_text.h"
 
 namespace {
 
-// The level of the layer's own messages, the devices it passes over.
-constexpr int32_t kSkipMessageLevel = 3;
 // Room for an instance id (MAX_DEVICE_ID_LEN) with its closing NUL.
 constexpr DWORD kInstanceIdUnits = 201;
-
-std::atomic<int32_t> g_logThreshold{kSkipMessageLevel + 1};
-std::atomic<qdx::LogCallback> g_logCallback{nullptr};
-std::atomic<void*> g_logContext{nullptr};
-
-void Log(int32_t level, const std::string& message) {
-  const qdx::LogCallback callback = g_logCallback.load();
-  if (callback != nullptr && level >= g_logThreshold.load()) {
-    callback(g_logContext.load(), message.c_str());
-  }
-}
 
 // Destroys the device information set it holds when it goes.
 class DeviceInfoSet {
@@ -93,7 +80,7 @@ std::optional<qdx::platform::AdapterInfo_> MakeRecord(HDEVINFO set, SP_DEVINFO_D
   const std::optional<uint32_t> vendorId = IdAfter(hardwareId, L"VEN_");
   const std::optional<uint32_t> deviceId = IdAfter(hardwareId, L"DEV_");
   if (!vendorId || !deviceId) {
-    Log(kSkipMessageLevel, "skipping " + gpuvet::platform::windows::ToUtf8(instanceId) +
+    gpuvet::platform::QdxLog(gpuvet::platform::kSkipMessageLevel, "skipping " + gpuvet::platform::windows::ToUtf8(instanceId) +
                                ": no PCI vendor and device in its hardware id");
     return std::nullopt;
   }
@@ -103,13 +90,7 @@ std::optional<qdx::platform::AdapterInfo_> MakeRecord(HDEVINFO set, SP_DEVINFO_D
   }
   const std::string utf8Name = gpuvet::platform::windows::ToUtf8(name.value_or(std::wstring()).c_str());
 
-  qdx::platform::AdapterInfo_ record{};
-  // Names longer than the record holds are cut, leaving room for the closing NUL.
-  const std::size_t length = std::min(utf8Name.size(), qdx::platform::kAdapterNameBytes - 1);
-  std::memcpy(record.name, utf8Name.data(), length);
-  record.deviceId = *deviceId;
-  record.vendorId = *vendorId;
-  return record;
+  return gpuvet::platform::MakeAdapterRecord(utf8Name, *vendorId, *deviceId);
 }
 
 }  // namespace
@@ -128,21 +109,4 @@ std::vector<qdx::platform::AdapterInfo_> QDXGetAdapterInfos() {
     }
   }
   return records;
-}
-
-int32_t QDXLogSetLogLevelThreshold(int32_t threshold) {
-  g_logThreshold.store(threshold);
-  return 0;
-}
-
-qdx::ResultCode QDXSetLogCallback(void* context, qdx::LogCallback callback) {
-  g_logContext.store(context);
-  g_logCallback.store(callback);
-  return qdx::ResultCode::kOk;
-}
-
-// The layer reports nothing through the exception callback; it is accepted and
-// kept for the interface's sake.
-qdx::ResultCode QDXSetExceptionCallback(void* /*context*/, qdx::ExceptionCallback /*callback*/) {
-  return qdx::ResultCode::kOk;
 }
