@@ -17,6 +17,7 @@ int wmain(int argc, wchar_t** argv) {
   }
   // argv[argc] stays a null pointer, as the runtime hands it over.
   std::vector<char*> arguments;
+  arguments.reserve(texts.size() + 1);
   for (std::string& text : texts) {
     arguments.push_back(text.data());
   }
