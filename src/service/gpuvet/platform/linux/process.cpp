@@ -1,4 +1,5 @@
 #include "platform/process.h"
+#include "platform/process_handlers.h"
 
 #include <signal.h>
 #include <sys/syscall.h>
@@ -11,13 +12,6 @@
 namespace gpuvet::platform {
 namespace {
 
-std::atomic<ProcessHandler> g_invalidParameterHandler{nullptr};
-std::atomic<ProcessHandler> g_pureCallHandler{nullptr};
-
-// The code that a foreign end of the process is turned into; kNotGuarded when
-// the tool itself may end the process.
-constexpr int32_t kNotGuarded = 0;
-std::atomic<int32_t> g_guardedCode{kNotGuarded};
 std::atomic<bool> g_exitHandlerInstalled{false};
 
 // The signals by which a library's fault or abort ends a process.
@@ -25,15 +19,6 @@ constexpr int kFatalSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT};
 // Room for the handler's own stack, so that a stack overflow can still be reported.
 constexpr std::size_t kAltStackBytes = std::size_t{64} << 10;
 alignas(16) char g_altStack[kAltStackBytes];
-
-// Without a handler, a runtime failure ends the process quietly, never with an
-// abort or a core dump.
-[[noreturn]] void EndWithHandler(const std::atomic<ProcessHandler>& handler) {
-  if (const ProcessHandler installed = handler.load()) {
-    installed();
-  }
-  std::_Exit(EXIT_FAILURE);
-}
 
 // Only async-signal-safe calls from here: the line is written straight to the
 // descriptor, with the number formatted by hand.
@@ -70,7 +55,7 @@ void WriteText(const char* text) {
   line[at++] = '\n';
   line[at] = '\0';
   WriteText(line);
-  ::_exit(g_guardedCode.load());
+  ::_exit(GuardedCode());
 }
 
 void OnFatalSignal(int signal) {
@@ -79,9 +64,9 @@ void OnFatalSignal(int signal) {
 
 // Runs for every exit; only one that comes while the run is guarded is foreign.
 void OnExit() {
-  if (g_guardedCode.load() != kNotGuarded) {
+  if (GuardedCode() != kNotGuarded) {
     WriteText("exception: exit from inside the run\n");
-    ::_exit(g_guardedCode.load());
+    ::_exit(GuardedCode());
   }
 }
 
@@ -92,15 +77,11 @@ void SetErrorMode(uint32_t /*mode*/) {
 }
 
 void SetInvalidParameterHandler(ProcessHandler handler) {
-  g_invalidParameterHandler.store(handler);
+  KeepInvalidParameterHandler(handler);
 }
 
 void SetPureCallHandler(ProcessHandler handler) {
-  g_pureCallHandler.store(handler);
-}
-
-void ReportInvalidParameter() {
-  EndWithHandler(g_invalidParameterHandler);
+  KeepPureCallHandler(handler);
 }
 
 // Straight to the kernel: a runtime that wraps _exit (a sanitizer does) could
@@ -111,7 +92,7 @@ void ExitProcessNow(int32_t code) {
 }
 
 void GuardProcessEnd(int32_t code) {
-  g_guardedCode.store(code);
+  KeepGuardedCode(code);
   if (!g_exitHandlerInstalled.exchange(true)) {
     std::atexit(OnExit);
   }
@@ -128,14 +109,10 @@ void GuardProcessEnd(int32_t code) {
   }
 }
 
-void AllowProcessEnd() {
-  g_guardedCode.store(kNotGuarded);
-}
-
 }  // namespace gpuvet::platform
 
 // The C++ runtime calls this for a pure virtual call; the tool's handler takes it
 // instead of the runtime's terminate.
 extern "C" void __cxa_pure_virtual() {
-  gpuvet::platform::EndWithHandler(gpuvet::platform::g_pureCallHandler);
+  gpuvet::platform::EndWithPureCallHandler();
 }

@@ -1,4 +1,5 @@
 #include "platform/process.h"
+#include "platform/process_handlers.h"
 
 #include <windows.h>
 
@@ -11,29 +12,15 @@
 namespace gpuvet::platform {
 namespace {
 
-std::atomic<ProcessHandler> g_invalidParameterHandler{nullptr};
-std::atomic<ProcessHandler> g_pureCallHandler{nullptr};
-
-// The code that a foreign end of the process is turned into; kNotGuarded when
-// the tool itself may end the process.
-constexpr int32_t kNotGuarded = 0;
-std::atomic<int32_t> g_guardedCode{kNotGuarded};
 std::atomic<bool> g_exitHandlerInstalled{false};
-
-[[noreturn]] void EndWithHandler(const std::atomic<ProcessHandler>& handler) {
-  if (const ProcessHandler installed = handler.load()) {
-    installed();
-  }
-  ExitProcessNow(EXIT_FAILURE);
-}
 
 void __cdecl OnRuntimeInvalidParameter(const wchar_t* /*expression*/, const wchar_t* /*function*/,
                                        const wchar_t* /*file*/, unsigned int /*line*/, uintptr_t /*reserved*/) {
-  EndWithHandler(g_invalidParameterHandler);
+  ReportInvalidParameter();
 }
 
 void __cdecl OnRuntimePureCall() {
-  EndWithHandler(g_pureCallHandler);
+  EndWithPureCallHandler();
 }
 
 // Straight to the standard output handle: the stream's lock may be held by the
@@ -54,13 +41,13 @@ void WriteText(const char* text) {
   char line[96];
   std::snprintf(line, sizeof line, "exception: %s\r\n", what);
   WriteText(line);
-  ExitProcessNow(g_guardedCode.load());
+  ExitProcessNow(GuardedCode());
 }
 
 // A fault on any thread, once no handler of the thread took it: no crash box,
 // no debugger, the refusal code.
 LONG WINAPI OnUnhandledException(EXCEPTION_POINTERS* pointers) {
-  if (g_guardedCode.load() == kNotGuarded) {
+  if (GuardedCode() == kNotGuarded) {
     return EXCEPTION_CONTINUE_SEARCH;
   }
   char what[48];
@@ -70,7 +57,7 @@ LONG WINAPI OnUnhandledException(EXCEPTION_POINTERS* pointers) {
 
 // abort, and std::terminate through it.
 void OnAbortSignal(int /*signal*/) {
-  if (g_guardedCode.load() != kNotGuarded) {
+  if (GuardedCode() != kNotGuarded) {
     EndForeign("abort");
   }
   ExitProcessNow(EXIT_FAILURE);
@@ -78,7 +65,7 @@ void OnAbortSignal(int /*signal*/) {
 
 // Runs for every exit of the runtime; only one that comes while the run is guarded is foreign.
 void OnExit() {
-  if (g_guardedCode.load() != kNotGuarded) {
+  if (GuardedCode() != kNotGuarded) {
     EndForeign("exit from inside the run");
   }
 }
@@ -90,17 +77,13 @@ void SetErrorMode(uint32_t mode) {
 }
 
 void SetInvalidParameterHandler(ProcessHandler handler) {
-  g_invalidParameterHandler.store(handler);
+  KeepInvalidParameterHandler(handler);
   ::_set_invalid_parameter_handler(OnRuntimeInvalidParameter);
 }
 
 void SetPureCallHandler(ProcessHandler handler) {
-  g_pureCallHandler.store(handler);
+  KeepPureCallHandler(handler);
   ::_set_purecall_handler(OnRuntimePureCall);
-}
-
-void ReportInvalidParameter() {
-  EndWithHandler(g_invalidParameterHandler);
 }
 
 // TerminateProcess: no exit handlers, no DLL detach and no flush, whatever the
@@ -111,7 +94,7 @@ void ExitProcessNow(int32_t code) {
 }
 
 void GuardProcessEnd(int32_t code) {
-  g_guardedCode.store(code);
+  KeepGuardedCode(code);
   if (!g_exitHandlerInstalled.exchange(true)) {
     std::atexit(OnExit);
   }
@@ -119,12 +102,8 @@ void GuardProcessEnd(int32_t code) {
   ::SetUnhandledExceptionFilter(OnUnhandledException);
 }
 
-void AllowProcessEnd() {
-  g_guardedCode.store(kNotGuarded);
-}
-
 }  // namespace gpuvet::platform
 
 extern "C" void gpuvet_windows_pure_call() {
-  gpuvet::platform::EndWithHandler(gpuvet::platform::g_pureCallHandler);
+  gpuvet::platform::EndWithPureCallHandler();
 }

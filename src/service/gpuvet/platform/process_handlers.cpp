@@ -1,0 +1,50 @@
+#include "platform/process_handlers.h"
+
+#include <atomic>
+#include <cstdlib>
+
+namespace gpuvet::platform {
+namespace {
+
+std::atomic<ProcessHandler> g_invalidParameterHandler{nullptr};
+std::atomic<ProcessHandler> g_pureCallHandler{nullptr};
+std::atomic<int32_t> g_guardedCode{kNotGuarded};
+
+[[noreturn]] void EndWithHandler(const std::atomic<ProcessHandler>& handler) {
+  if (const ProcessHandler installed = handler.load()) {
+    installed();
+  }
+  ExitProcessNow(EXIT_FAILURE);
+}
+
+}  // namespace
+
+void KeepInvalidParameterHandler(ProcessHandler handler) {
+  g_invalidParameterHandler.store(handler);
+}
+
+void KeepPureCallHandler(ProcessHandler handler) {
+  g_pureCallHandler.store(handler);
+}
+
+void EndWithPureCallHandler() {
+  EndWithHandler(g_pureCallHandler);
+}
+
+void ReportInvalidParameter() {
+  EndWithHandler(g_invalidParameterHandler);
+}
+
+void KeepGuardedCode(int32_t code) {
+  g_guardedCode.store(code);
+}
+
+int32_t GuardedCode() {
+  return g_guardedCode.load();
+}
+
+void AllowProcessEnd() {
+  g_guardedCode.store(kNotGuarded);
+}
+
+}  // namespace gpuvet::platform
