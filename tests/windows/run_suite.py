@@ -9,6 +9,8 @@ only OpenCL vendor. Output is compared with its "\\r\\n" turned into "\\n".
 """
 import argparse
 import concurrent.futures
+import contextlib
+import json
 import os
 import shutil
 import struct
@@ -16,6 +18,7 @@ import subprocess
 import sys
 import time
 
+FILE_SHARE_READ, FILE_SHARE_WRITE, FILE_SHARE_DELETE = 1, 2, 4
 WBEM_LOCATOR = "{4590F811-1D3A-11D0-891F-00AA004B2E24}"
 DISPLAY_CLASS = "{4d36e968-e325-11ce-bfc1-08002be10318}"
 
@@ -129,6 +132,21 @@ class Session:
                               stderr=subprocess.PIPE, timeout=timeout)
         return done.returncode, done.stdout.decode("utf-8", "surrogateescape").replace("\r\n", "\n"), \
             time.monotonic() - started
+
+    @contextlib.contextmanager
+    def holding(self, path, share):
+        """Another process of the machine holds the file open with the share mode while the block runs."""
+        holder = subprocess.Popen(["wine", self.suite.hold_file, path, "%x" % share], env=self.env,
+                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        try:
+            line = holder.stdout.readline().decode().strip()  # never up to the end: the session keeps the pipe
+            if line != "held":
+                raise RuntimeError("holding %s: %s" % (path, line))
+            yield
+        finally:
+            holder.stdin.write(b"\n")
+            holder.stdin.close()
+            holder.wait(timeout=30)
 
     def close(self):
         subprocess.run(["wineserver", "-k"], env=self.env)
@@ -277,12 +295,74 @@ def session_watchdog_and_wine_wmi(suite, failures):
         machine.close()
 
 
-SESSIONS = [session_watchdog_and_wine_wmi, session_machine, session_verdicts, session_wmi_failures]
+def leftovers(folder):
+    """What the folder holds beside the result file and the planted names; Wine's ReplaceFileW may leave an
+    "rfXXXX.tmp" of its own that is not the tool's."""
+    return sorted(set(os.listdir(folder)) - {"gpuvet.json"} - set(PLANTED))
+
+
+# Names in the result folder that no dead run of gpuvet left: never removed.
+PLANTED = ("gpuvet.json.tmp-not-a-run", "gpuvet.json.tmp-999998-1-0")
+
+
+def session_save(suite, failures):
+    """Every path of the save: the first one, a replace, a replace beside a process that holds the file."""
+    machine = Session(suite, "save", [NVIDIA])
+    try:
+        folder = machine.drive_c("r")
+        os.makedirs(os.path.join(folder, PLANTED[1]))  # a folder named like a dead run's file
+        for name in (PLANTED[0], "gpuvet.json.tmp-999999-1-0"):
+            open(os.path.join(folder, name), "w").close()
+        target = os.path.join(folder, "gpuvet.json")
+
+        def save(driver, what):
+            status, output, _ = machine.run(["--gpu", "1", "--recheck", "1", "--result", "C:\\r"], [NVIDIA_ROW],
+                                            icd=[[dict(GTX_DEVICE, driver=driver)]])
+            expect(failures, what, status, output, 0, ["gpuvet end(ok)\n", "file:C:\\r\\gpuvet.json\n"])
+            if not set(PLANTED) <= set(os.listdir(folder)) or \
+                    [name for name in leftovers(folder) if not (name.startswith("rf") and name.endswith(".tmp"))]:
+                failures.append("%s: the folder holds %s" % (what, sorted(os.listdir(folder))))
+
+        def stored(what):
+            try:
+                with open(target, "rb") as file:
+                    return json.loads(file.read())
+            except (OSError, ValueError) as error:
+                failures.append("%s: %r" % (what, error))
+                return {}
+
+        save("535.1", "first save")
+        document = stored("first save")
+        document["Host"] = {"keep": [1, "two"]}
+        with open(target, "w") as file:
+            json.dump(document, file)
+        save("536.2", "replace")
+        document = stored("replace")
+        if document.get("Host") != {"keep": [1, "two"]} or \
+                document.get("GpuVet", {}).get("Adapters", [{}])[-1].get("clDrvVersion") != "536.2":
+            failures.append("replace: the file holds %r" % document)
+
+        # A reader that lets others delete does not stop the replace; one that does not keeps the old file whole.
+        with machine.holding("C:\\r\\gpuvet.json", FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE):
+            save("537.3", "replace beside a sharing reader")
+        if '"537.3"' not in open(target).read():
+            failures.append("replace beside a sharing reader: the old content stands")
+        before = open(target, "rb").read()
+        with machine.holding("C:\\r\\gpuvet.json", FILE_SHARE_READ):
+            save("538.4", "replace beside a reader that does not share deletion")
+        if open(target, "rb").read() != before:
+            failures.append("replace beside a reader that does not share deletion: the file changed")
+    finally:
+        machine.close()
+
+
+SESSIONS = [session_watchdog_and_wine_wmi, session_machine, session_save, session_verdicts, session_wmi_failures]
 
 
 class Suite:
     def __init__(self, options):
         self.exe, self.wmi_dll, self.test_icd = options.exe, options.wmi_dll, options.test_icd
+        self.hold_file = options.hold_file
         self.work = os.path.abspath(options.work)
         self.template = os.path.join(self.work, "template")
 
@@ -298,7 +378,7 @@ def make_template(suite):
 
 def main():
     parser = argparse.ArgumentParser()
-    for option in ("--exe", "--wmi-dll", "--test-icd", "--work"):
+    for option in ("--exe", "--wmi-dll", "--test-icd", "--hold-file", "--work"):
         parser.add_argument(option, required=True)
     suite = Suite(parser.parse_args())
     if shutil.which("wine") is None or shutil.which("wineserver") is None:
