@@ -95,7 +95,7 @@ static ULONG STDMETHODCALLTYPE Release(void* self) {
   struct object* object = self;
   const LONG refs = InterlockedDecrement(&object->refs);
   if (refs == 0) {
-    if (strcmp(object->kind, "row") != 0) Log("free %s", object->kind);
+    Log("free %s", object->kind);
     free(object);
   }
   return (ULONG)refs;
@@ -152,7 +152,9 @@ static HRESULT STDMETHODCALLTYPE SetBlanket(IClientSecurity* self, IUnknown* pro
 static HRESULT STDMETHODCALLTYPE Get(IWbemClassObject* self, LPCWSTR name, LONG flags, VARIANT* value,
                                      CIMTYPE* type, LONG* flavor) {
   (void)flags, (void)type, (void)flavor;
-  const struct row* row = &g_rows[((struct object*)self)->row];
+  const unsigned index = ((struct object*)self)->row;
+  const struct row* row = &g_rows[index];
+  Log("Get %u %ls", index, name);
   VariantInit(value);
   V_VT(value) = VT_NULL;
   for (unsigned i = 0; i < row->count; ++i) {

@@ -48,7 +48,7 @@ TEST(SelectAdapter, ChoosesByIndexOrTheFirstAdapterNotIntels) {
 // Which row, if any, a record fits: the name test, then the DEV_ text, first fit
 // wins. Each row scanned prints a line, a fit one more; a missing value of the
 // fitting row leaves its target as it was.
-TEST(TakeDriverFromRows, TakesTheFirstFittingRow) {
+TEST(LookUpDriver, TakesTheFirstFittingRow) {
   using Taken = std::pair<std::string, std::string>;  // version and date
   const Taken intelDriver{"27.20.100.8681", "20200917"};
   const Taken nvidiaDriver{"31.0.15.3623", "20230607"};
@@ -86,7 +86,11 @@ TEST(TakeDriverFromRows, TakesTheFirstFittingRow) {
     record.deviceId = c.deviceId;
     Taken taken{"keep", "keep"};
     testing::internal::CaptureStdout();
-    EXPECT_EQ(TakeDriverFromRows(record, c.rows, taken.first, taken.second), c.fit.has_value());
+    const DriverRowScan scan = [&c](const platform::VisitDriverRow& visit) {
+      platform::ScanRows(c.rows, visit);
+      return true;
+    };
+    EXPECT_EQ(LookUpDriver(record, scan, taken.first, taken.second), c.fit.has_value());
     const std::string out = testing::internal::GetCapturedStdout();
     EXPECT_EQ(taken, c.fit.value_or(Taken{"keep", "keep"}));
     EXPECT_EQ(static_cast<std::size_t>(std::count(out.begin(), out.end(), '\n')), c.rowsScanned + (c.fit ? 1 : 0));

@@ -3,6 +3,8 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <optional>
+#include <utility>
 
 #include "print.h"
 
@@ -26,43 +28,41 @@ bool Contains(const std::string& text, const std::string& part) {
 
 }  // namespace
 
-bool TakeDriverFromRows(const qdx::platform::AdapterInfo_& record, const std::vector<platform::DriverRow>& rows,
-                        std::string& version, std::string& date) {
+bool LookUpDriver(const qdx::platform::AdapterInfo_& record, const DriverRowScan& scan, std::string& version,
+                  std::string& date) {
   const std::string recordName(record.name, strnlen(record.name, sizeof record.name));
-  for (const platform::DriverRow& row : rows) {
-    const std::string rowName = row.caption.value_or(std::string());
-    const std::string rowId = row.pnpDeviceId.value_or(std::string());
+  bool fitted = false;
+  const auto testRow = [&](const platform::ReadDriverRowProperty& read) {
+    using Property = platform::DriverRowProperty;
+    const std::string rowName = read(Property::kCaption).value_or(std::string());
+    const std::string rowId = read(Property::kPnpDeviceId).value_or(std::string());
     const std::string deviceText = DeviceText(record.deviceId);
     Print("name[%s]  id[%s] target[%s][%s]\n", rowName.c_str(), rowId.c_str(), recordName.c_str(),
           deviceText.c_str());
 
     // The name test comes first; either test alone makes the row fit, and the
     // first row that fits ends the scan even if a later one fits better.
-    const bool fits = Contains(rowName, recordName) || Contains(rowId, deviceText);
-    if (!fits) {
-      continue;
+    fitted = Contains(rowName, recordName) || Contains(rowId, deviceText);
+    if (!fitted) {
+      return false;
     }
     // A missing value leaves the caller's string as it stands.
-    if (row.driverVersion) {
-      version = *row.driverVersion;
+    if (std::optional<std::string> value = read(Property::kDriverVersion)) {
+      version = std::move(*value);
     }
-    if (row.driverDate) {
-      date = *row.driverDate;
+    if (std::optional<std::string> value = read(Property::kDriverDate)) {
+      date = std::move(*value);
     }
     Print("Found id! name[%s]  id[%s] ver[%s]  date[%s]\n", rowName.c_str(), rowId.c_str(), version.c_str(),
           date.c_str());
     return true;
-  }
-  return false;
+  };
+  return scan(testRow) && fitted;
 }
 
 // Each call reads the rows afresh: nothing carries over from one adapter to the next.
 bool QueryDriverInfo(const qdx::platform::AdapterInfo_& record, std::string& version, std::string& date) {
-  std::vector<platform::DriverRow> rows;
-  if (!platform::QueryDriverRows(rows)) {
-    return false;
-  }
-  return TakeDriverFromRows(record, rows, version, date);
+  return LookUpDriver(record, platform::ScanDriverRows, version, date);
 }
 
 }  // namespace gpuvet

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -8,14 +9,30 @@
 // which the driver lookup takes a driver version and date.
 namespace gpuvet::platform {
 
+// The properties of a row that the driver lookup reads.
+enum class DriverRowProperty { kCaption, kPnpDeviceId, kDriverVersion, kDriverDate };
+
+// Reads one property of the row at hand; nullopt when it is missing. The dates
+// are CIM datetimes, "YYYYMMDD000000.000000-000".
+using ReadDriverRowProperty = std::function<std::optional<std::string>(DriverRowProperty)>;
+// Looks at the row at hand through its reader; true ends the scan at that row.
+using VisitDriverRow = std::function<bool(const ReadDriverRowProperty&)>;
+
+// Offers a fresh read of the machine's rows to visit, one at a time in the
+// machine's order. A property is read only when visit asks for it, and no row
+// after the one that ended the scan is read at all. False when no rows can be
+// had.
+bool ScanDriverRows(const VisitDriverRow& visit);
+
+// A row with all its properties at hand, for a source that reads rows whole.
 struct DriverRow {
   std::optional<std::string> caption;
   std::optional<std::string> pnpDeviceId;
   std::optional<std::string> driverVersion;
-  std::optional<std::string> driverDate;  // CIM datetime "YYYYMMDD000000.000000-000"
+  std::optional<std::string> driverDate;
 };
 
-// Fills rows with a fresh read of the machine. False when no rows can be had.
-bool QueryDriverRows(std::vector<DriverRow>& rows);
+// Offers rows already read to visit, as ScanDriverRows offers the machine's.
+void ScanRows(const std::vector<DriverRow>& rows, const VisitDriverRow& visit);
 
 }  // namespace gpuvet::platform

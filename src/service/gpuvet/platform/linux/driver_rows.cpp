@@ -145,8 +145,14 @@ bool ReadDriverRows(const DriverRowRoots& roots, std::vector<DriverRow>& rows) {
 
 namespace gpuvet::platform {
 
-bool QueryDriverRows(std::vector<DriverRow>& rows) {
-  return sysfs::ReadDriverRows(sysfs::DriverRowRoots{}, rows);
+// The files are small and local: the rows are read whole, then offered.
+bool ScanDriverRows(const VisitDriverRow& visit) {
+  std::vector<DriverRow> rows;
+  if (!sysfs::ReadDriverRows(sysfs::DriverRowRoots{}, rows)) {
+    return false;
+  }
+  ScanRows(rows, visit);
+  return true;
 }
 
 }  // namespace gpuvet::platform

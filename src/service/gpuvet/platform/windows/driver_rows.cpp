@@ -10,7 +10,6 @@
 #include <optional>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "platform/driver_rows.h"
 #include "platform/windows/wide_text.h"
@@ -111,10 +110,23 @@ std::optional<std::string> ReadText(IWbemClassObject* row, const wchar_t* name) 
   return windows::ToUtf8(V_BSTR(holder.Get()));
 }
 
+const wchar_t* PropertyName(DriverRowProperty property) {
+  switch (property) {
+    case DriverRowProperty::kCaption:
+      return L"Caption";
+    case DriverRowProperty::kPnpDeviceId:
+      return L"PNPDeviceID";
+    case DriverRowProperty::kDriverVersion:
+      return L"DriverVersion";
+    case DriverRowProperty::kDriverDate:
+      break;
+  }
+  return L"DriverDate";
+}
+
 }  // namespace
 
-bool QueryDriverRows(std::vector<DriverRow>& rows) {
-  rows.clear();
+bool ScanDriverRows(const VisitDriverRow& visit) {
   const ComApartment apartment;
   if (!apartment.Ready()) {
     return false;
@@ -163,16 +175,13 @@ bool QueryDriverRows(std::vector<DriverRow>& rows) {
     // Only the count is read: a call that returns no object ends the rows.
     controllers->Next(static_cast<long>(WBEM_INFINITE), 1, row.Out(), &returned);
     if (returned == 0 || !row) {
-      break;
+      return true;
     }
-    DriverRow values;
-    values.caption = ReadText(row.Get(), L"Caption");
-    values.pnpDeviceId = ReadText(row.Get(), L"PNPDeviceID");
-    values.driverVersion = ReadText(row.Get(), L"DriverVersion");
-    values.driverDate = ReadText(row.Get(), L"DriverDate");
-    rows.push_back(std::move(values));
+    const auto read = [&row](DriverRowProperty property) { return ReadText(row.Get(), PropertyName(property)); };
+    if (visit(read)) {
+      return true;
+    }
   }
-  return true;
 }
 
 }  // namespace gpuvet::platform
