@@ -30,6 +30,7 @@ OLD_NVIDIA_ROW = dict(NVIDIA_ROW, DriverDate="20150105000000.000000-000")
 # Found by its PNP id alone, with null driver values.
 RADEON_ROW = {"PNPDeviceID": "PCI\\VEN_1002&DEV_67DF\\Y"}
 
+ICD_ABORT = 1002  # the test ICD's fault code that aborts the process
 GTX_DEVICE = {"vendor": 0x10DE, "name": "NVIDIA GeForce GTX 1080", "version": "OpenCL 3.0 CUDA",
               "driver": "535.1", "c_version": "OpenCL C 1.2"}
 
@@ -60,7 +61,7 @@ def icd_config(platforms):
                 "info 1001 %s\n" % struct.pack("<I", device["vendor"]).hex() + \
                 text(0x102B, device["name"]) + text(0x102F, device["version"]) + \
                 text(0x102D, device["driver"]) + text(0x103D, device["c_version"]) + text(0x1030, "")
-            out += "".join("fault %x 0 0 %d\n" % (param, sleep) for param, sleep in device.get("sleep", []))
+            out += "".join("fault %x %d 0 %d\n" % fault for fault in device.get("faults", []))
     return out
 
 
@@ -298,7 +299,7 @@ def session_watchdog_and_wine_wmi(suite, failures):
             "Found id! name[VideoController1]", "ver[30.0.14023.3004]  date[20220118000000.000000-000]\n",
             "   Wine Adapter, device_id :0x0, vendor_id:0x0  ver:30.0.14023.3004  "
             "date:20220118000000.000000-000\n", "check platforms end\n\n\n no platform!\n"])
-        slow = dict(GTX_DEVICE, sleep=[(0x102B, 12)])
+        slow = dict(GTX_DEVICE, faults=[(0x102B, 0, 12)])
         status, output, seconds = machine.run(["--gpu", "0"], icd=[[slow]])
         expect(failures, "watchdog", status, output, 11, ["Timeout exit:  GPUVET_NOT_IN_WHITELIST\n"],
                ["gpuvet end"])
@@ -369,13 +370,43 @@ def session_save(suite, failures):
         machine.close()
 
 
-SESSIONS = [session_watchdog_and_wine_wmi, session_machine, session_save, session_verdicts, session_wmi_failures]
+def session_guard(suite, failures):
+    """The ends of the process that the tool did not choose: never a pass, never a crash."""
+    machine = Session(suite, "guard", [NVIDIA])
+    try:
+        # Through Wine's OpenCL bridge a native vendor's abort arrives as an exception that can't be continued. (A
+        # native crash comes back as the call's error code, and a native exit ends the Unix process itself: neither
+        # reaches the Windows side.)
+        aborts = dict(GTX_DEVICE, faults=[(0x102B, ICD_ABORT, 0)])
+        status, output, _ = machine.run(["--gpu", "1"], [NVIDIA_ROW], icd=[[aborts]])
+        expect(failures, "a vendor that aborts", status, output, 11, ["gpuvet begin\n", "\nexception: 0x"],
+               ["gpuvet end"])
+        # The process layer as gpuvet sets it up, ended from inside: a fault that a catch-all block must not
+        # swallow, an abort, an exit, and a pure virtual call.
+        for mode, want_status, want_output in [
+            ("fault", 11, "exception: 0xC0000005\n"),
+            ("abort", 11, "exception: abort\n"),
+            ("exit", 11, "exception: exit from inside the run\n"),
+            ("purecall", 23, "In _purecall_handler.\n"),
+        ]:
+            done = subprocess.run(["wine", suite.guard_probe, mode], env=machine.env, stdout=subprocess.PIPE,
+                                  stderr=subprocess.PIPE, timeout=30)
+            output = done.stdout.decode(errors="replace").replace("\r\n", "\n")
+            if (done.returncode, output) != (want_status, want_output):
+                failures.append("%s: status %d, output %r, expected %d, %r\n%s" % (
+                    mode, done.returncode, output, want_status, want_output, done.stderr.decode()[-2000:]))
+    finally:
+        machine.close()
+
+
+SESSIONS = [session_watchdog_and_wine_wmi, session_machine, session_save, session_guard, session_verdicts,
+            session_wmi_failures]
 
 
 class Suite:
     def __init__(self, options):
         self.exe, self.wmi_dll, self.test_icd = options.exe, options.wmi_dll, options.test_icd
-        self.hold_file = options.hold_file
+        self.hold_file, self.guard_probe = options.hold_file, options.guard_probe
         self.work = os.path.abspath(options.work)
         self.template = os.path.join(self.work, "template")
 
@@ -391,7 +422,7 @@ def make_template(suite):
 
 def main():
     parser = argparse.ArgumentParser()
-    for option in ("--exe", "--wmi-dll", "--test-icd", "--hold-file", "--work"):
+    for option in ("--exe", "--wmi-dll", "--test-icd", "--hold-file", "--guard-probe", "--work"):
         parser.add_argument(option, required=True)
     suite = Suite(parser.parse_args())
     if shutil.which("wine") is None or shutil.which("wineserver") is None:

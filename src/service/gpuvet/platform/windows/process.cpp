@@ -14,6 +14,9 @@ namespace {
 
 std::atomic<bool> g_exitHandlerInstalled{false};
 
+// Exception codes of this bit are applications' own, such as a C++ throw.
+constexpr DWORD kCustomerCode = 0x20000000;
+
 void __cdecl OnRuntimeInvalidParameter(const wchar_t* /*expression*/, const wchar_t* /*function*/,
                                        const wchar_t* /*file*/, unsigned int /*line*/, uintptr_t /*reserved*/) {
   ReportInvalidParameter();
@@ -44,15 +47,31 @@ void WriteText(const char* text) {
   ExitProcessNow(GuardedCode());
 }
 
+[[noreturn]] void EndForeignException(const EXCEPTION_RECORD& record) {
+  char what[48];
+  std::snprintf(what, sizeof what, "0x%08lX", record.ExceptionCode);
+  EndForeign(what);
+}
+
 // A fault on any thread, once no handler of the thread took it: no crash box,
 // no debugger, the refusal code.
 LONG WINAPI OnUnhandledException(EXCEPTION_POINTERS* pointers) {
   if (GuardedCode() == kNotGuarded) {
     return EXCEPTION_CONTINUE_SEARCH;
   }
-  char what[48];
-  std::snprintf(what, sizeof what, "0x%08lX", pointers->ExceptionRecord->ExceptionCode);
-  EndForeign(what);
+  EndForeignException(*pointers->ExceptionRecord);
+}
+
+// A system exception that can't be continued, before any frame sees it: the
+// thread can't go on. Under Wine a native vendor's abort arrives so, raised
+// where no frame handler is found, and the process would end with 0.
+LONG WINAPI OnNoncontinuableException(EXCEPTION_POINTERS* pointers) {
+  const EXCEPTION_RECORD& record = *pointers->ExceptionRecord;
+  if (GuardedCode() == kNotGuarded || (record.ExceptionFlags & EXCEPTION_NONCONTINUABLE) == 0 ||
+      (record.ExceptionCode & kCustomerCode) != 0) {
+    return EXCEPTION_CONTINUE_SEARCH;
+  }
+  EndForeignException(record);
 }
 
 // abort, and std::terminate through it.
@@ -97,6 +116,7 @@ void GuardProcessEnd(int32_t code) {
   KeepGuardedCode(code);
   if (!g_exitHandlerInstalled.exchange(true)) {
     std::atexit(OnExit);
+    ::AddVectoredExceptionHandler(1, OnNoncontinuableException);
   }
   std::signal(SIGABRT, OnAbortSignal);
   ::SetUnhandledExceptionFilter(OnUnhandledException);
