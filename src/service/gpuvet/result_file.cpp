@@ -1,4 +1,5 @@
 // The result file's format: the reader and the writer of "gpuvet.json".
+#include <cstddef>
 #include <optional>
 #include <string>
 
@@ -21,6 +22,14 @@ constexpr int kNoRootLine = 167;
 constexpr int kSaveFailedLine = 130;
 // The root as it was read goes to the log without indentation.
 constexpr int32_t kLogDumpIndent = 0;
+
+// The reader's limits. Its time and memory follow the file's size; a file
+// larger than this could outlast the run's bound. Deeper nesting would only
+// serve to make dumps recurse deeply; the tool's own section lies three levels
+// below the root. A file beyond either limit may hold a host's data that the
+// reader could not see, so it is never replaced.
+constexpr std::size_t kMaxFileBytes = std::size_t{16} << 20;
+constexpr int32_t kMaxNestingDepth = 512;
 
 constexpr int32_t kOk = 0;
 constexpr int32_t kFailed = -1;
@@ -107,9 +116,81 @@ AdapterResult ReadAdapterObject(const zavkit::JsonObject& object) {
   return record;
 }
 
+// What the file gives a run: a document, nothing that must be kept (no file,
+// or no JSON at all: the writer replaces it), or a reason to leave it alone.
+enum class FileState { kParsed, kReplaceable, kRefused };
+struct LoadedFile {
+  FileState state;
+  const char* refusal = nullptr;  // why nothing is stored, for kRefused
+};
+
+using platform::FolderFileStatus;
+
+const char* FolderRefusal(FolderFileStatus status) {
+  switch (status) {
+    case FolderFileStatus::kForeignLink:
+      return "lies behind a link of another user's";
+    case FolderFileStatus::kNotRegular:
+      return "lies in a path that is no folder";
+    default:
+      return "lies in a folder that can't be opened";
+  }
+}
+
+const char* FileRefusal(FolderFileStatus status) {
+  switch (status) {
+    case FolderFileStatus::kForeignLink:
+      return "is a link of another user's";
+    case FolderFileStatus::kNotRegular:
+      return "is not a regular file";
+    case FolderFileStatus::kForeignOwner:
+      return "belongs to another user";
+    case FolderFileStatus::kTooLarge:
+      return "is larger than 16 MiB";
+    default:
+      return "can't be read";
+  }
+}
+
+// Nothing of a refused file is read, let alone printed.
+LoadedFile ReadDocument(const ResultSerialize& store, zavkit::JsonDoc& doc) {
+  if (store.folderStatus != FolderFileStatus::kUsable) {
+    // A folder that does not exist: the write fails unnoticed later.
+    return store.folderStatus == FolderFileStatus::kMissing
+               ? LoadedFile{FileState::kReplaceable}
+               : LoadedFile{FileState::kRefused, FolderRefusal(store.folderStatus)};
+  }
+  std::string text;
+  const FolderFileStatus read = store.folder.Read(ResultSerialize::kFileName, kMaxFileBytes, text);
+  if (read == FolderFileStatus::kMissing) {
+    return {FileState::kReplaceable};
+  }
+  if (read != FolderFileStatus::kUsable) {
+    return {FileState::kRefused, FileRefusal(read)};
+  }
+  switch (doc.Parse(text, kMaxNestingDepth)) {
+    case zavkit::JsonParse::kParsed:
+      return {FileState::kParsed};
+    case zavkit::JsonParse::kTooDeep:
+      return {FileState::kRefused, "is nested deeper than 512 levels"};
+    default:
+      return {FileState::kReplaceable};
+  }
+}
+
+void PrintNothingStored(const std::string& path, const char* why) {
+  Print("ResultSerialize::AddResult: %s %s, nothing stored\n", path.c_str(), why);
+}
+
+// Refusals of the replace: what stands under the name changed since the read.
+bool IsRefusal(FolderFileStatus status) {
+  return status == FolderFileStatus::kForeignLink || status == FolderFileStatus::kNotRegular ||
+         status == FolderFileStatus::kForeignOwner;
+}
+
 }  // namespace
 
-int32_t ResultSerialize::ReadConfig(const std::string& path, std::vector<AdapterResult>& records) {
+int32_t ResultSerialize::ReadConfig(const std::string& path, std::vector<AdapterResult>& records) const {
   try {
     return ParseResults(path, records);
   } catch (const zavkit::JsonException& error) {
@@ -118,10 +199,10 @@ int32_t ResultSerialize::ReadConfig(const std::string& path, std::vector<Adapter
   return kFailed;
 }
 
-int32_t ResultSerialize::ParseResults(const std::string& path, std::vector<AdapterResult>& records) {
+int32_t ResultSerialize::ParseResults(const std::string& path, std::vector<AdapterResult>& records) const {
   records.clear();
   zavkit::JsonDoc doc;
-  if (doc.ParseFile(path) == kFailed) {
+  if (ReadDocument(*this, doc).state != FileState::kParsed) {
     Print("%s %d parse failed: %s [%d]\n", kSourcePath, kParseFailedLine, path.c_str(), kFailed);
     return kFailed;
   }
@@ -163,18 +244,17 @@ int32_t ResultSerialize::AddResult() const {
 }
 
 // The file is read afresh, so that the members of others that stand in it now
-// are kept; a file that can't be read, or whose root is no object, is dropped.
-// A file refused for its size or depth may hold a host's data that the reader
-// could not see: it is left as it is, and this run stores nothing.
+// are kept; a file that can't be parsed, or whose root is no object, is
+// dropped. A file that is refused stays as it is, and this run stores nothing.
 int32_t ResultSerialize::save_result() const {
   zavkit::JsonDoc doc;
-  const int32_t parsed = doc.ParseFile(path);
-  if (doc.RefusedForLimit()) {
-    Print("ResultSerialize::AddResult: %s too large or too deeply nested, left unchanged\n", path.c_str());
+  const LoadedFile loaded = ReadDocument(*this, doc);
+  if (loaded.state == FileState::kRefused) {
+    PrintNothingStored(path, loaded.refusal);
     return kFailed;
   }
   std::optional<zavkit::JsonObject> root;
-  if (parsed != kFailed && doc.Root().Tag() == zavkit::kJsonObject) {
+  if (loaded.state == FileState::kParsed && doc.Root().Tag() == zavkit::kJsonObject) {
     root = doc.Root().AsObject();
   } else {
     root = doc.Root().MakeEmptyObject();
@@ -184,10 +264,19 @@ int32_t ResultSerialize::save_result() const {
     Print("%s %d.error ! save gpu setting failed :%d\n", "ResultSerialize::save_result", kSaveFailedLine, status);
     return kSectionFailed;
   }
-  // A failed write goes unnoticed here: the next run finds the old file, or none.
-  doc.PrettyDumpFile(path);
   std::string dump;
-  doc.PrettyDump(dump);
+  doc.PrettyDump(dump, kSectionKey);
+  // What the tool writes, the next run must be able to read.
+  if (dump.size() + 1 > kMaxFileBytes) {
+    PrintNothingStored(path, "would be larger than 16 MiB");
+    return kFailed;
+  }
+  // A failed write goes unnoticed here: the next run finds the old file, or none.
+  const FolderFileStatus written = folder.Replace(kFileName, dump + "\n");
+  if (IsRefusal(written)) {
+    PrintNothingStored(path, FileRefusal(written));
+    return kFailed;
+  }
   Print("%s\n", dump.c_str());
   Print("file:%s\n", path.c_str());
   return kOk;

@@ -10,7 +10,6 @@
 namespace gpuvet {
 namespace {
 
-constexpr const char* kResultFileName = "gpuvet.json";
 constexpr int32_t kOk = 0;
 constexpr int32_t kFailed = -1;
 
@@ -23,14 +22,19 @@ constexpr int32_t kCheckedNow = 1;
 }  // namespace
 
 std::string ResultSerialize::BuildPath(const std::string& dir) {
-  return platform::JoinPath(dir.substr(0, dir.find('\0')), kResultFileName);
+  return platform::JoinPath(dir.substr(0, dir.find('\0')), kFileName);
+}
+
+void ResultSerialize::Open(const std::string& dir) {
+  path = BuildPath(dir);
+  folderStatus = folder.Open(dir.substr(0, dir.find('\0')));
 }
 
 // The records are kept only when they match the live adapters position by
 // position: a changed field, another order or another count drops every
 // stored verdict at once.
 int32_t ResultSerialize::Load(const std::string& dir, const AdapterList& adapters) {
-  path = BuildPath(dir);
+  Open(dir);
   results.clear();
   ReadConfig(path, results);
   if (results.size() != adapters.size()) {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "adapters/adapter_entry.h"
+#include "platform/result_folder.h"
 #include "platform/zavkit_json.h"
 
 namespace gpuvet {
@@ -22,8 +23,12 @@ struct AdapterResult {
 // The result store: one record per live adapter, kept in "gpuvet.json".
 class ResultSerialize {
  public:
+  static constexpr const char* kFileName = "gpuvet.json";
+
   // The directory up to its first zero byte, the separator and "gpuvet.json".
   static std::string BuildPath(const std::string& dir);
+  // Names the file and opens its directory, once for the reader and the writer.
+  void Open(const std::string& dir);
   // Reads the file and keeps its records only when they match the live
   // adapters one by one, in order; otherwise every record starts afresh. Always 0.
   int32_t Load(const std::string& dir, const AdapterList& adapters);
@@ -35,12 +40,14 @@ class ResultSerialize {
   // always, the verdict only when `record` is checked. -1 when there is none.
   int32_t Update(const AdapterResult& record);
 
-  // The reader: the records of the file at `path` into `records`. 0, or -1 on
-  // any failure, after which `records` holds what was complete by then.
-  int32_t ReadConfig(const std::string& path, std::vector<AdapterResult>& records);
-  static int32_t ParseResults(const std::string& path, std::vector<AdapterResult>& records);
-  // The writer: `results` into the file at `path`, other root members kept.
-  // 0, -3 when the section could not be made, -1 after a JSON error.
+  // The reader: the records of the file into `records`; `path` names it in the
+  // log. 0, or -1 on any failure, after which `records` holds what was
+  // complete by then.
+  int32_t ReadConfig(const std::string& path, std::vector<AdapterResult>& records) const;
+  int32_t ParseResults(const std::string& path, std::vector<AdapterResult>& records) const;
+  // The writer: `results` into the file, other root members kept. 0, -3 when
+  // the section could not be made, -1 after a JSON error or when the file may
+  // not be written (one line says why; the file stays as it is).
   int32_t AddResult() const;
   int32_t save_result() const;
   // Replaces the "GpuVet" member of the root by a new one, at the end. Always 0.
@@ -48,6 +55,9 @@ class ResultSerialize {
 
   std::string path;
   std::vector<AdapterResult> results;
+  // The directory, opened by Open; folderStatus says why it is not open.
+  platform::ResultFolder folder;
+  platform::FolderFileStatus folderStatus = platform::FolderFileStatus::kMissing;
 
  private:
   std::vector<AdapterResult>::const_iterator RecordOf(const AdapterEntry& adapter) const;

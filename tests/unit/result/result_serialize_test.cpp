@@ -57,7 +57,7 @@ class ResultStoreTest : public testing::Test {
     std::string pattern = testing::TempDir() + "gpuvet_result_XXXXXX";
     ASSERT_NE(mkdtemp(pattern.data()), nullptr);
     dir = pattern;
-    store.path = ResultSerialize::BuildPath(dir);
+    store.Open(dir);
   }
   void TearDown() override {
     fs::remove_all(dir);
@@ -82,7 +82,7 @@ class ResultStoreTest : public testing::Test {
     return testing::internal::GetCapturedStdout();
   }
   zavkit::JsonObject RootOfTheFile() {
-    EXPECT_EQ(doc.ParseFile(store.path), 0);
+    EXPECT_EQ(doc.Parse(ReadFile(), 512), zavkit::JsonParse::kParsed);
     return doc.Root().AsObject();
   }
   std::string ParseFailedLine() const {
@@ -129,23 +129,38 @@ TEST_F(ResultStoreTest, UnusableFilesGiveTheirLineAndAreRewritten) {
 }
 
 // A file too large or too deep is refused unread and never replaced: it may
-// hold a host's data that the reader could not see.
+// hold a host's data that the reader could not see. The limits are 16 MiB and
+// 512 levels, both inclusive.
 TEST_F(ResultStoreTest, FilesBeyondTheLimitsAreReadAsUnusableAndKeptAsTheyAre) {
-  constexpr std::size_t kDeep = 200000;
-  constexpr std::size_t kLarge = (16u << 20) + 1;
-  const std::string cases[] = {
-      "{\"a\": " + std::string(kDeep, '[') + std::string(kDeep, ']') + "}",
-      "{\"a\": \"" + std::string(kLarge, 'x') + "\"}",
+  const auto nested = [](std::size_t levels) {
+    return "{\"a\": " + std::string(levels - 1, '[') + std::string(levels - 1, ']') + "}";
   };
-  for (const std::string& file : cases) {
-    WriteFile(file);
+  const std::string large = "{\"a\": \"" + std::string((16u << 20) - 4096, 'x') + "\"}";
+  const struct {
+    std::string file;
+    const char* refusal;  // nullptr: within the limits
+  } cases[] = {
+      {nested(512), nullptr},
+      {nested(513), "is nested deeper than 512 levels"},
+      {nested(200000), "is nested deeper than 512 levels"},
+      {large, nullptr},
+      {large + std::string(4097, ' '), "is larger than 16 MiB"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.refusal != nullptr ? c.refusal : "within");
+    WriteFile(c.file);
     std::vector<AdapterResult> records(1);
-    EXPECT_EQ(Read(records), ParseFailedLine());
-    EXPECT_EQ(status, -1);
+    const std::string read = Read(records);
+    EXPECT_EQ(read == ParseFailedLine(), c.refusal != nullptr);
     store.results = {kFreshNvidia};
-    EXPECT_EQ(Write(), "ResultSerialize::AddResult: " + store.path + " too large or too deeply nested, left unchanged\n");
+    const std::string written = Write();
+    if (c.refusal == nullptr) {
+      EXPECT_THAT(written, testing::EndsWith("file:" + store.path + "\n"));
+      continue;
+    }
+    EXPECT_EQ(written, "ResultSerialize::AddResult: " + store.path + " " + c.refusal + ", nothing stored\n");
     EXPECT_EQ(status, -1);
-    EXPECT_TRUE(ReadFile() == file);
+    EXPECT_TRUE(ReadFile() == c.file);
   }
   // A deep file of many small objects is read in one pass, not one per object.
   std::string manyObjects = "{\"a\": [";
@@ -158,6 +173,37 @@ TEST_F(ResultStoreTest, FilesBeyondTheLimitsAreReadAsUnusableAndKeptAsTheyAre) {
   EXPECT_EQ(status, -1);  // no section
 }
 
+// What the tool writes, it reads back: the members of others keep a compact
+// form, so a rewritten file grows with the records, not with how deep or how
+// wide the others' members are; one that would still pass the limit is not
+// written at all.
+TEST_F(ResultStoreTest, RewrittenFileStaysWithinTheLimits) {
+  const std::string deep = std::string(511, '[') + std::string(511, ']');
+  std::string wide = "[";
+  for (int i = 0; i < 1000000; ++i) {
+    wide += "1,";
+  }
+  wide += "1]";
+  std::string floats = "[";
+  for (int i = 0; i < 950000; ++i) {
+    floats += "1e14,";  // written back as 100000000000000.0
+  }
+  floats += "1]";
+  store.results = {kFreshNvidia};
+  for (const std::string* member : std::vector<const std::string*>{&deep, &wide}) {
+    const std::string file = "{\"Host\":" + *member + "}";
+    WriteFile(file);
+    Write();
+    EXPECT_EQ(status, 0);
+    EXPECT_LT(ReadFile().size(), file.size() + 1024);
+  }
+  const std::string file = "{\"Host\":" + floats + "}";
+  WriteFile(file);
+  EXPECT_EQ(Write().substr(0, 200),
+            "ResultSerialize::AddResult: " + store.path + " would be larger than 16 MiB, nothing stored\n");
+  EXPECT_TRUE(ReadFile() == file);
+}
+
 // The JSON layer's errors are the JSON library's, which the guards catch.
 TEST(JsonLayerTest, ErrorsAreTheJsonLibrarysOwn) {
   zavkit::JsonDoc doc;
@@ -168,6 +214,7 @@ TEST(JsonLayerTest, ErrorsAreTheJsonLibrarysOwn) {
 // A link stays a link and its target is replaced, with the owner and bits it
 // had; the leftovers of dead runs go, the file a live run writes stays.
 TEST_F(ResultStoreTest, WriteReplacesTheFileALinkNamesAndClearsDeadLeftovers) {
+  ASSERT_EQ(chown(dir.c_str(), 1234, 1235), 0);  // the folder's owner is trusted with its files
   const std::string target = dir + "/real.json";
   std::ofstream(target) << "{\"Host\": 1}";
   ASSERT_EQ(chmod(target.c_str(), 0604), 0);
@@ -200,7 +247,7 @@ TEST_F(ResultStoreTest, WriteReplacesTheFileALinkNamesAndClearsDeadLeftovers) {
 // A result folder that does not exist: the failed write goes unnoticed, the
 // file is still printed with its path.
 TEST_F(ResultStoreTest, MissingFolderIsReadAsNoFileAndWrittenInVain) {
-  store.path = ResultSerialize::BuildPath(dir + "/missing");
+  store.Open(dir + "/missing");
   std::vector<AdapterResult> records;
   EXPECT_EQ(Read(records), ParseFailedLine());
   store.results = {kFreshNvidia};

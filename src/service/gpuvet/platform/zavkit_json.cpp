@@ -2,86 +2,135 @@
 // new member goes to the end, and integers keep their signed or unsigned kind.
 #include "platform/zavkit_json.h"
 
-#include <cstdio>
-#include <memory>
-#include <nlohmann/json.hpp>
-
-#include "platform/atomic_file.h"
+#include <utility>
 
 namespace zavkit {
 namespace {
 
-using Json = nlohmann::ordered_json;
-
-// Deeper documents are refused as unparseable. Dumping a tree recurses, one
-// stack frame per level: without the limit a file of a hundred thousand nested
-// arrays would overflow the stack. The tool's own section lies three levels
-// below the root.
-constexpr int kMaxNestingDepth = 512;
-
-// The indentation of a whole document, in the file and in the log.
-constexpr int kDocumentIndent = 4;
-
-// Text that is not valid UTF-8 (an adapter name in another encoding) is
-// written with replacement characters, the same way to the file and to the
-// log, so that whatever is written parses again.
+// Every string the layer writes is valid UTF-8, so this handler never acts; it
+// keeps a dump from throwing all the same.
 constexpr Json::error_handler_t kInvalidUtf8 = Json::error_handler_t::replace;
+// The indentation of the readable member.
+constexpr int kReadableIndent = 4;
+constexpr int kCompact = -1;
+const std::string kMemberIndent(kReadableIndent, ' ');
 
-// A larger file is refused unread: reading it could outlast the run's bound.
-constexpr std::size_t kMaxFileBytes = 16u << 20;
+// Bytes in JSON strings. JSON carries text, and what Set is given may be any
+// bytes (an adapter name cut inside a UTF-8 character, an OpenCL text in
+// another encoding). A well-formed UTF-8 character is kept as it is; every
+// other byte B, and each byte of a character that falls in the escape block
+// itself, becomes the character U+10FF00 + B of the last private use plane.
+// AsString turns each character of that block back into its byte, so any
+// bytes written come back as the same bytes.
+constexpr char32_t kByteEscapeBase = 0x10FF00;
+constexpr char32_t kMaxCodePoint = 0x10FFFF;
 
-Json& Node(void* node) { return *static_cast<Json*>(node); }
+// The length of the well-formed UTF-8 character at `at`, 0 when there is none,
+// with the character in `point`.
+std::size_t Utf8CharAt(const std::string& bytes, std::size_t at, char32_t& point) {
+  const auto byte = [&bytes](std::size_t i) { return static_cast<unsigned char>(bytes[i]); };
+  const unsigned char lead = byte(at);
+  std::size_t length = 0;
+  char32_t minimum = 0;
+  if (lead < 0x80) {
+    point = lead;
+    return 1;
+  }
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    length = 2, point = lead & 0x1Fu, minimum = 0x80;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    length = 3, point = lead & 0x0Fu, minimum = 0x800;
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    length = 4, point = lead & 0x07u, minimum = 0x10000;
+  } else {
+    return 0;
+  }
+  if (at + length > bytes.size()) {
+    return 0;
+  }
+  for (std::size_t i = 1; i < length; ++i) {
+    if ((byte(at + i) & 0xC0u) != 0x80u) {
+      return 0;
+    }
+    point = (point << 6) | (byte(at + i) & 0x3Fu);
+  }
+  const bool surrogate = point >= 0xD800 && point <= 0xDFFF;
+  return point < minimum || point > kMaxCodePoint || surrogate ? 0 : length;
+}
+
+void AppendUtf8(std::string& text, char32_t point) {
+  if (point < 0x80) {
+    text += static_cast<char>(point);
+  } else if (point < 0x800) {
+    text += static_cast<char>(0xC0 | (point >> 6));
+    text += static_cast<char>(0x80 | (point & 0x3F));
+  } else if (point < 0x10000) {
+    text += static_cast<char>(0xE0 | (point >> 12));
+    text += static_cast<char>(0x80 | ((point >> 6) & 0x3F));
+    text += static_cast<char>(0x80 | (point & 0x3F));
+  } else {
+    text += static_cast<char>(0xF0 | (point >> 18));
+    text += static_cast<char>(0x80 | ((point >> 12) & 0x3F));
+    text += static_cast<char>(0x80 | ((point >> 6) & 0x3F));
+    text += static_cast<char>(0x80 | (point & 0x3F));
+  }
+}
+
+std::string BytesToText(const std::string& bytes) {
+  std::string text;
+  text.reserve(bytes.size());
+  for (std::size_t at = 0; at < bytes.size();) {
+    char32_t point = 0;
+    const std::size_t length = Utf8CharAt(bytes, at, point);
+    if (length > 0 && point < kByteEscapeBase) {
+      text.append(bytes, at, length);
+      at += length;
+    } else {
+      AppendUtf8(text, kByteEscapeBase + static_cast<unsigned char>(bytes[at]));
+      ++at;
+    }
+  }
+  return text;
+}
+
+// Text that the parser read is well-formed UTF-8; a byte that is not (a tree
+// built otherwise) is kept as it stands.
+std::string TextToBytes(const std::string& text) {
+  std::string bytes;
+  bytes.reserve(text.size());
+  for (std::size_t at = 0; at < text.size();) {
+    char32_t point = 0;
+    const std::size_t length = Utf8CharAt(text, at, point);
+    if (length == 0) {
+      bytes += text[at++];
+    } else if (point >= kByteEscapeBase) {
+      bytes += static_cast<char>(point - kByteEscapeBase);
+      at += length;
+    } else {
+      bytes.append(text, at, length);
+      at += length;
+    }
+  }
+  return bytes;
+}
 
 std::string Dump(const Json& value, int indent) {
   return value.dump(indent, ' ', /*ensure_ascii=*/false, kInvalidUtf8);
 }
 
-struct FileCloser {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
-
-enum class FileRead { kRead, kUnreadable, kTooLarge };
-
-FileRead ReadWholeFile(const std::string& path, std::string& text) {
-  const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path.c_str(), "rb"));
-  if (!file) {
-    return FileRead::kUnreadable;
-  }
-  char buffer[1 << 16];
-  std::size_t count = 0;
-  while ((count = std::fread(buffer, 1, sizeof buffer, file.get())) > 0) {
-    if (text.size() + count > kMaxFileBytes) {
-      return FileRead::kTooLarge;
-    }
-    text.append(buffer, count);
-  }
-  return std::ferror(file.get()) == 0 ? FileRead::kRead : FileRead::kUnreadable;
-}
-
-// True when brackets outside strings nest deeper than the limit. One pass over
-// the text; what is no JSON at all is left for the parser to refuse.
-bool NestsTooDeep(const std::string& text) {
-  int depth = 0;
-  bool inString = false;
-  for (std::size_t at = 0; at < text.size(); ++at) {
-    const char c = text[at];
-    if (inString) {
-      if (c == '\\') {
-        ++at;  // the escaped character can't end the string
-      } else if (c == '"') {
-        inString = false;
-      }
-    } else if (c == '"') {
-      inString = true;
-    } else if (c == '[' || c == '{') {
-      if (++depth > kMaxNestingDepth) {
-        return true;
-      }
-    } else if (c == ']' || c == '}') {
-      --depth;
+// A readable value as it stands inside the root object: each of its lines
+// after the first moves in by one level.
+std::string IndentedOneLevel(const Json& value) {
+  const std::string dumped = Dump(value, kReadableIndent);
+  std::string text;
+  text.reserve(dumped.size() + dumped.size() / 8);
+  for (const char c : dumped) {
+    text += c;
+    if (c == '\n') {
+      text += kMemberIndent;
     }
   }
-  return false;
+  return text;
 }
 
 }  // namespace
@@ -89,7 +138,7 @@ bool NestsTooDeep(const std::string& text) {
 // ---- JsonValue ----
 
 int32_t JsonValue::Tag() const {
-  switch (Node(node_).type()) {
+  switch (node_->type()) {
     case Json::value_t::boolean:
       return kJsonBool;
     case Json::value_t::number_float:
@@ -110,7 +159,7 @@ int32_t JsonValue::Tag() const {
 }
 
 bool JsonValue::Get(std::optional<JsonObject>& object) const {
-  if (!Node(node_).is_object()) {
+  if (!node_->is_object()) {
     return false;
   }
   object = JsonObject(node_);
@@ -118,73 +167,72 @@ bool JsonValue::Get(std::optional<JsonObject>& object) const {
 }
 
 JsonObject JsonValue::AsObject() const {
-  if (!Node(node_).is_object()) {
-    Node(node_).get_ref<Json::object_t&>();  // throws the library's own type error
-  }
+  node_->get_ref<Json::object_t&>();  // throws the library's own type error on another kind
   return JsonObject(node_);
 }
 
 JsonArray JsonValue::AsArray() const {
-  if (!Node(node_).is_array()) {
-    Node(node_).get_ref<Json::array_t&>();  // throws the library's own type error
-  }
+  node_->get_ref<Json::array_t&>();
   return JsonArray(node_);
 }
 
-const char* JsonValue::AsString() const {
-  const Json& value = Node(node_);
-  return value.is_string() ? value.get_ref<const Json::string_t&>().c_str() : "";
+std::string JsonValue::AsString() const {
+  return node_->is_string() ? TextToBytes(node_->get_ref<const Json::string_t&>()) : std::string();
 }
 
 // Both integer kinds are cut to their low 32 bits.
 int32_t JsonValue::AsInt() const { return static_cast<int32_t>(AsUint()); }
 
 uint32_t JsonValue::AsUint() const {
-  const Json& value = Node(node_);
-  if (value.is_number_unsigned()) {
-    return static_cast<uint32_t>(value.get<Json::number_unsigned_t>());
+  if (node_->is_number_unsigned()) {
+    return static_cast<uint32_t>(node_->get<Json::number_unsigned_t>());
   }
-  if (value.is_number_integer()) {
-    return static_cast<uint32_t>(value.get<Json::number_integer_t>());
+  if (node_->is_number_integer()) {
+    return static_cast<uint32_t>(node_->get<Json::number_integer_t>());
   }
   return 0;
 }
 
-void JsonValue::Clear() { Node(node_) = nullptr; }
+void JsonValue::Clear() { *node_ = nullptr; }
 
 JsonObject JsonValue::MakeEmptyObject() {
-  Node(node_) = Json::object();
+  *node_ = Json::object();
   return JsonObject(node_);
 }
 
 JsonArray JsonValue::MakeEmptyArray() {
-  Node(node_) = Json::array();
+  *node_ = Json::array();
   return JsonArray(node_);
 }
 
 JsonObject JsonValue::Set(const JsonObject& object) {
-  Node(node_) = Json(Node(object.node_));
+  *node_ = *object.node_;
   return JsonObject(node_);
 }
 
-void JsonValue::Set(const std::string& text) { Node(node_) = text; }
+void JsonValue::Set(const std::string& bytes) { *node_ = BytesToText(bytes); }
 
-void JsonValue::SetInt(int64_t payload) { Node(node_) = Json::number_integer_t{payload}; }
+void JsonValue::SetInt(int64_t payload) { *node_ = Json::number_integer_t{payload}; }
 
-void JsonValue::SetUint(uint64_t payload) { Node(node_) = Json::number_unsigned_t{payload}; }
+void JsonValue::SetUint(uint64_t payload) { *node_ = Json::number_unsigned_t{payload}; }
 
-void JsonValue::PrettyDump(std::string& text, int32_t indent) const { text = Dump(Node(node_), indent); }
+void JsonValue::PrettyDump(std::string& text, int32_t indent) const { text = Dump(*node_, indent); }
+
+// ---- JsonMember, JsonElem ----
+
+JsonMember JsonMember::At(Json& object, std::size_t index) {
+  auto& member = *(object.get_ref<Json::object_t&>().begin() + static_cast<std::ptrdiff_t>(index));
+  return JsonMember(&member.first, &member.second);
+}
+
+JsonElem JsonElem::At(Json& array, std::size_t index) { return JsonElem(&array.get_ref<Json::array_t&>()[index]); }
 
 // ---- JsonObject ----
 
-JsonObject::JsonObject() {
-  auto tree = std::make_shared<Json>(Json::object());
-  node_ = tree.get();
-  owned_ = std::move(tree);
-}
+JsonObject::JsonObject() : owned_(std::make_shared<Json>(Json::object())), node_(owned_.get()) {}
 
 std::optional<JsonMember> JsonObject::Find(const char* name) const {
-  auto& members = Node(node_).get_ref<Json::object_t&>();
+  auto& members = node_->get_ref<Json::object_t&>();
   const auto found = members.find(name);
   if (found == members.end()) {
     return std::nullopt;
@@ -192,79 +240,95 @@ std::optional<JsonMember> JsonObject::Find(const char* name) const {
   return JsonMember(&found->first, &found->second);
 }
 
-bool JsonObject::Erase(const char* name) { return Node(node_).get_ref<Json::object_t&>().erase(name) != 0; }
+bool JsonObject::Erase(const char* name) { return node_->get_ref<Json::object_t&>().erase(name) != 0; }
 
 JsonMember JsonObject::Add(const char* name) {
-  auto& members = Node(node_).get_ref<Json::object_t&>();
+  auto& members = node_->get_ref<Json::object_t&>();
   const auto added = members.emplace(std::string(name), Json()).first;
   added->second = nullptr;
   return JsonMember(&added->first, &added->second);
 }
 
-JsonMember JsonObject::MemberAt(void* node, std::size_t index) {
-  auto& member = *(Node(node).get_ref<Json::object_t&>().begin() + static_cast<std::ptrdiff_t>(index));
-  return JsonMember(&member.first, &member.second);
-}
+detail::JXIterator<JsonMember> JsonObject::begin() const { return {node_, 0}; }
 
-detail::JXIterator<JsonMember> JsonObject::begin() const { return {node_, 0, &JsonObject::MemberAt}; }
-
-detail::JXIterator<JsonMember> JsonObject::end() const {
-  return {node_, Node(node_).get_ref<Json::object_t&>().size(), &JsonObject::MemberAt};
-}
+detail::JXIterator<JsonMember> JsonObject::end() const { return {node_, node_->get_ref<Json::object_t&>().size()}; }
 
 // ---- JsonArray ----
 
 JsonElem JsonArray::Add() {
-  auto& elements = Node(node_).get_ref<Json::array_t&>();
+  auto& elements = node_->get_ref<Json::array_t&>();
   elements.emplace_back();
   return JsonElem(&elements.back());
 }
 
-JsonElem JsonArray::ElemAt(void* node, std::size_t index) {
-  return JsonElem(&Node(node).get_ref<Json::array_t&>()[index]);
-}
+detail::JXIterator<JsonElem> JsonArray::begin() const { return {node_, 0}; }
 
-detail::JXIterator<JsonElem> JsonArray::begin() const { return {node_, 0, &JsonArray::ElemAt}; }
-
-detail::JXIterator<JsonElem> JsonArray::end() const {
-  return {node_, Node(node_).get_ref<Json::array_t&>().size(), &JsonArray::ElemAt};
-}
+detail::JXIterator<JsonElem> JsonArray::end() const { return {node_, node_->get_ref<Json::array_t&>().size()}; }
 
 // ---- JsonDoc ----
 
-// The library's destructor is not declared noexcept, though freeing a tree never throws.
-struct JsonDoc::Tree {  // NOLINT(bugprone-exception-escape)
-  Json root;
+// The library's own tree builder, with the depth counted as objects and arrays
+// open and close: the parse stops at the first one nested too deep, so a
+// refused text costs no more than the part read before it. (The library's
+// parser callback would see the depth too, but its builder then searches the
+// enclosing array for dropped values at the end of every object, which makes
+// a long array of objects take quadratic time.)
+class DepthBoundBuilder : public nlohmann::detail::json_sax_dom_parser<Json> {
+ public:
+  DepthBoundBuilder(Json& root, int32_t maxDepth)
+      : json_sax_dom_parser(root, /*allow_exceptions=*/false), maxDepth_(maxDepth) {}
+
+  bool start_object(std::size_t size) { return Opens() && json_sax_dom_parser::start_object(size); }
+  bool start_array(std::size_t size) { return Opens() && json_sax_dom_parser::start_array(size); }
+  bool end_object() {
+    --depth_;
+    return json_sax_dom_parser::end_object();
+  }
+  bool end_array() {
+    --depth_;
+    return json_sax_dom_parser::end_array();
+  }
+  bool TooDeep() const { return tooDeep_; }
+
+ private:
+  bool Opens() {
+    tooDeep_ = ++depth_ > maxDepth_;
+    return !tooDeep_;
+  }
+
+  int32_t maxDepth_;
+  int32_t depth_ = 0;
+  bool tooDeep_ = false;
 };
 
-JsonDoc::JsonDoc() : tree_(std::make_unique<Tree>()) {}
-JsonDoc::~JsonDoc() = default;
-
-int32_t JsonDoc::ParseFile(const std::string& path) {
-  tree_->root = nullptr;
-  refusedForLimit_ = false;
-  std::string text;
-  const FileRead read = ReadWholeFile(path, text);
-  refusedForLimit_ = read == FileRead::kTooLarge || (read == FileRead::kRead && NestsTooDeep(text));
-  if (read != FileRead::kRead || refusedForLimit_) {
-    return -1;
+JsonParse JsonDoc::Parse(const std::string& text, int32_t maxDepth) {
+  Json parsed;
+  DepthBoundBuilder builder(parsed, maxDepth);
+  const bool complete = Json::sax_parse(text, &builder);
+  root_ = nullptr;
+  if (builder.TooDeep()) {
+    return JsonParse::kTooDeep;
   }
-  Json parsed = Json::parse(text, nullptr, /*allow_exceptions=*/false);
-  if (parsed.is_discarded()) {
-    return -1;
+  if (!complete || builder.is_errored()) {
+    return JsonParse::kInvalid;
   }
-  tree_->root = std::move(parsed);
-  return 0;
+  root_ = std::move(parsed);
+  return JsonParse::kParsed;
 }
 
-int32_t JsonDoc::PrettyDumpFile(const std::string& path) const {
-  return gpuvet::platform::ReplaceFileAtomically(path, Dump(tree_->root, kDocumentIndent) + "\n");
+void JsonDoc::PrettyDump(std::string& text, const char* readableMember) const {
+  if (!root_.is_object() || root_.empty()) {
+    text = Dump(root_, kReadableIndent);
+    return;
+  }
+  text = "{";
+  const char* separator = "\n";
+  for (const auto& [name, value] : root_.items()) {
+    text += separator + kMemberIndent + Dump(Json(name), kCompact) + ": ";
+    text += name == readableMember ? IndentedOneLevel(value) : Dump(value, kCompact);
+    separator = ",\n";
+  }
+  text += "\n}";
 }
-int32_t JsonDoc::PrettyDump(std::string& text) const {
-  text = Dump(tree_->root, kDocumentIndent);
-  return 0;
-}
-
-JsonValue JsonDoc::Root() { return JsonValue(&tree_->root); }
 
 }  // namespace zavkit

@@ -5,15 +5,18 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <utility>
 
 #include <nlohmann/json.hpp>
 
 // The JSON operations of the base library that the result file is read and
-// written with. Values are handles into a document's tree: a handle stays valid
-// while its document lives and the object or array that holds it gains or loses
-// no member. The tree itself stays behind the implementation.
+// written with, over nlohmann::ordered_json. Values are handles into a
+// document's tree: a handle stays valid while its document lives and the
+// object or array that holds it gains or loses no member. The layer knows no
+// file and no limit of its own: the result file's reader gives it the text and
+// the deepest nesting it accepts.
 namespace zavkit {
+
+using Json = nlohmann::ordered_json;
 
 // The type tag of a value.
 enum JsonTag : int32_t {
@@ -31,6 +34,9 @@ enum JsonTag : int32_t {
 // beneath them, so that one guard catches them all.
 using JsonException = nlohmann::json::exception;
 
+// How a text parsed.
+enum class JsonParse { kParsed, kInvalid, kTooDeep };
+
 class JsonObject;
 class JsonArray;
 class JsonMember;
@@ -43,11 +49,8 @@ namespace detail {
 template <typename Item>
 class JXIterator {
  public:
-  using ItemAt = Item (*)(void* container, std::size_t index);
-
-  JXIterator(void* container, std::size_t index, ItemAt itemAt)
-      : container_(container), index_(index), itemAt_(itemAt) {}
-  Item operator*() const { return itemAt_(container_, index_); }
+  JXIterator(Json* container, std::size_t index) : container_(container), index_(index) {}
+  Item operator*() const { return Item::At(*container_, index_); }
   JXIterator& operator++() {
     ++index_;
     return *this;
@@ -56,9 +59,8 @@ class JXIterator {
   bool operator!=(const JXIterator& other) const { return !(*this == other); }
 
  private:
-  void* container_;
+  Json* container_;
   std::size_t index_;
-  ItemAt itemAt_;
 };
 
 }  // namespace detail
@@ -73,8 +75,8 @@ class JsonValue {
   // The object or array of a value of that tag; throws JsonException on another tag.
   JsonObject AsObject() const;
   JsonArray AsArray() const;
-  // The text of a string value; an empty text for any other kind.
-  const char* AsString() const;
+  // The bytes that Set stored in a string value; an empty text for any other kind.
+  std::string AsString() const;
   // An integer value cut to 32 bits; 0 for any other kind.
   int32_t AsInt() const;
   uint32_t AsUint() const;
@@ -85,21 +87,23 @@ class JsonValue {
   JsonArray MakeEmptyArray();
   // Makes the value a copy of the object and returns a view of the copy.
   JsonObject Set(const JsonObject& object);
-  void Set(const std::string& text);
+  // Makes the value a string that holds these bytes, whatever they are.
+  void Set(const std::string& bytes);
   // Sets the tag kJsonInt or kJsonUint with the payload.
   void SetInt(int64_t payload);
   void SetUint(uint64_t payload);
 
-  // The value as JSON text; indent 0 breaks lines without indenting.
+  // The value as JSON text; indent 0 breaks lines without indenting, a
+  // negative indent writes it compact on one line.
   void PrettyDump(std::string& text, int32_t indent) const;
 
  protected:
   friend class JsonDoc;
   friend class JsonObject;
   friend class JsonArray;
-  explicit JsonValue(void* node) : node_(node) {}
+  explicit JsonValue(Json* node) : node_(node) {}
 
-  void* node_;  // a node of the implementation's tree
+  Json* node_;
 };
 
 // A member of an object: its value and its name.
@@ -109,7 +113,9 @@ class JsonMember : public JsonValue {
 
  private:
   friend class JsonObject;
-  JsonMember(const std::string* name, void* node) : JsonValue(node), name_(name) {}
+  friend class detail::JXIterator<JsonMember>;
+  JsonMember(const std::string* name, Json* node) : JsonValue(node), name_(name) {}
+  static JsonMember At(Json& object, std::size_t index);
 
   const std::string* name_;
 };
@@ -118,7 +124,9 @@ class JsonMember : public JsonValue {
 class JsonElem : public JsonValue {
  private:
   friend class JsonArray;
-  explicit JsonElem(void* node) : JsonValue(node) {}
+  friend class detail::JXIterator<JsonElem>;
+  explicit JsonElem(Json* node) : JsonValue(node) {}
+  static JsonElem At(Json& array, std::size_t index);
 };
 
 // An object: either a view of an object in a document, or an object of its own
@@ -138,11 +146,10 @@ class JsonObject {
 
  private:
   friend class JsonValue;
-  explicit JsonObject(void* node) : node_(node) {}
-  static JsonMember MemberAt(void* node, std::size_t index);
+  explicit JsonObject(Json* node) : node_(node) {}
 
-  std::shared_ptr<void> owned_;  // the tree of a local object; empty for a view
-  void* node_;
+  std::shared_ptr<Json> owned_;  // the tree of a local object; empty for a view
+  Json* node_;
 };
 
 // An array, always a view of an array in a document.
@@ -156,37 +163,28 @@ class JsonArray {
 
  private:
   friend class JsonValue;
-  explicit JsonArray(void* node) : node_(node) {}
-  static JsonElem ElemAt(void* node, std::size_t index);
+  explicit JsonArray(Json* node) : node_(node) {}
 
-  void* node_;
+  Json* node_;
 };
 
 // One document with its root value.
 class JsonDoc {
  public:
-  JsonDoc();
-  ~JsonDoc();
-  JsonDoc(const JsonDoc&) = delete;
-  JsonDoc& operator=(const JsonDoc&) = delete;
+  // Parses the text into the root, in one pass whatever its nesting: a text
+  // nested deeper than maxDepth is refused as it is met, before any deeper
+  // value is kept. On a refusal the root is null.
+  JsonParse Parse(const std::string& text, int32_t maxDepth);
+  // The document as text. A root object stands one member a line; the member
+  // named readableMember is indented for people to read, every other one is
+  // compact, so that the text grows with the content and never with how deep
+  // the members of others nest.
+  void PrettyDump(std::string& text, const char* readableMember) const;
 
-  // Reads and parses the file into the root. -1 when the file can't be read or
-  // parsed, or is refused for a limit; 0 otherwise.
-  int32_t ParseFile(const std::string& path);
-  // True when the last ParseFile refused the file for its size or nesting
-  // depth: such a file may hold a host's data and is never to be replaced.
-  bool RefusedForLimit() const { return refusedForLimit_; }
-  // Replaces the file with the document as indented text. -1 on failure.
-  int32_t PrettyDumpFile(const std::string& path) const;
-  // The same text into the string. Always 0.
-  int32_t PrettyDump(std::string& text) const;
-
-  JsonValue Root();
+  JsonValue Root() { return JsonValue(&root_); }
 
  private:
-  struct Tree;
-  std::unique_ptr<Tree> tree_;
-  bool refusedForLimit_ = false;
+  Json root_;
 };
 
 }  // namespace zavkit
