@@ -399,8 +399,53 @@ def session_guard(suite, failures):
         machine.close()
 
 
-SESSIONS = [session_watchdog_and_wine_wmi, session_machine, session_save, session_guard, session_verdicts,
-            session_wmi_failures]
+SECRET = "s3cr3t-of-another-service"
+
+
+def session_hostile_folder(suite, failures):
+    """Links planted in or as the result folder are never followed: nothing of their targets reaches the log, and
+    the targets stay as they were. Wine shows a Unix link as a plain file or folder (a link to a folder shows as
+    a reparse point by its path only), so these are the links that Wine lets the tests plant."""
+    machine = Session(suite, "hostile", [NVIDIA])
+    try:
+        secret, private = machine.drive_c("secret"), machine.drive_c("secret/private.txt")
+        os.makedirs(machine.drive_c("lists"))
+        with open(machine.drive_c("lists/black_hit.xml"), "w") as file:
+            file.write(LISTS["black_hit"])
+        args = ["--gpu", "1", "--result"]
+        # Another service's folder: a stored refusal that a run through a link would answer with, and more.
+        os.makedirs(secret)
+        status, output, _ = machine.run(args + ["C:\\secret", "--blacklist", "C:\\lists\\black_hit.xml"],
+                                        [NVIDIA_ROW], icd=[[GTX_DEVICE]])
+        document = json.load(open(os.path.join(secret, "gpuvet.json")))
+        document["Secret"] = SECRET
+        with open(os.path.join(secret, "gpuvet.json"), "w") as file:
+            json.dump(document, file)
+        with open(private, "w") as file:
+            file.write(SECRET)
+        for name in ("link_file", "link_leftover"):
+            os.makedirs(machine.drive_c(name))
+        os.symlink(os.path.join(secret, "gpuvet.json"), machine.drive_c("link_file/gpuvet.json"))
+        os.symlink(private, machine.drive_c("link_leftover/gpuvet.json.tmp-999999-1-0"))
+        os.symlink(secret, machine.drive_c("link_folder"))
+        before = {path: open(path, "rb").read() for path in (os.path.join(secret, "gpuvet.json"), private)}
+
+        for folder, stores in [("link_file", False), ("link_folder", False), ("link_leftover", True)]:
+            status, output, _ = machine.run(args + ["C:\\" + folder], [NVIDIA_ROW], icd=[[GTX_DEVICE]])
+            # A fresh test's verdict (the stored refusal would give 245), and one line when nothing is stored.
+            expect(failures, folder, status, output, 0, ["gpuvet begin\n", "gpuvet end(ok)\n"] +
+                   (["file:C:\\%s\\gpuvet.json\n" % folder] if stores else ["nothing stored\n"]), [SECRET])
+            for path, content in before.items():
+                if not os.path.exists(path) or open(path, "rb").read() != content:
+                    failures.append("%s: %s was touched" % (folder, path))
+        if not os.path.islink(machine.drive_c("link_file/gpuvet.json")):
+            failures.append("link_file: the planted link is gone")
+    finally:
+        machine.close()
+
+
+SESSIONS = [session_watchdog_and_wine_wmi, session_machine, session_save, session_guard, session_hostile_folder,
+            session_verdicts, session_wmi_failures]
 
 
 class Suite:
