@@ -135,18 +135,22 @@ class Session:
             time.monotonic() - started
 
     @contextlib.contextmanager
-    def holding(self, path, share):
-        """Another process of the machine holds the file open with the share mode while the block runs."""
-        holder = subprocess.Popen(["wine", self.suite.hold_file, path, "%x" % share], env=self.env,
-                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+    def holding(self, *args):
+        """Another process of the machine holds files open (see hold_file.c) while the block runs; the lines it
+        wrote are in the list the block gets, once the block is done."""
+        holder = subprocess.Popen(["wine", self.suite.hold_file] + list(args), env=self.env, stdin=subprocess.PIPE,
+                                  stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        lines = []
         try:
             line = holder.stdout.readline().decode().strip()  # never up to the end: the session keeps the pipe
-            if line != "held":
-                raise RuntimeError("holding %s: %s" % (path, line))
-            yield
+            if line not in ("held", "watching"):
+                raise RuntimeError("holding %s: %s" % (args, line))
+            yield lines
         finally:
             holder.stdin.write(b"\n")
             holder.stdin.close()
+            for line in iter(lambda: holder.stdout.readline().decode().strip(), "done"):
+                lines.append(line)
             holder.wait(timeout=30)
 
     def close(self):
@@ -315,6 +319,7 @@ def leftovers(folder):
     return sorted(set(os.listdir(folder)) - {"gpuvet.json"} - set(PLANTED))
 
 
+RACED_SAVES = 6
 # Names in the result folder that no dead run of gpuvet left: never removed.
 PLANTED = ("gpuvet.json.tmp-not-a-run", "gpuvet.json.tmp-999998-1-0")
 
@@ -357,15 +362,23 @@ def session_save(suite, failures):
             failures.append("replace: the file holds %r" % document)
 
         # A reader that lets others delete does not stop the replace; one that does not keeps the old file whole.
-        with machine.holding("C:\\r\\gpuvet.json", FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE):
+        with machine.holding("C:\\r\\gpuvet.json", "%x" % (FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE)):
             save("537.3", "replace beside a sharing reader")
         if '"537.3"' not in open(target).read():
             failures.append("replace beside a sharing reader: the old content stands")
         before = open(target, "rb").read()
-        with machine.holding("C:\\r\\gpuvet.json", FILE_SHARE_READ):
+        with machine.holding("C:\\r\\gpuvet.json", "%x" % FILE_SHARE_READ):
             save("538.4", "replace beside a reader that does not share deletion")
         if open(target, "rb").read() != before:
             failures.append("replace beside a reader that does not share deletion: the file changed")
+
+        # A reader that keeps trying never gets hold of a temporary file, which would hold up its replace.
+        with machine.holding("--catch", "C:\\r\\gpuvet.json.tmp-*") as caught:
+            for run in range(RACED_SAVES):
+                save("540.%d" % run, "save %d beside a reader that retries" % run)
+        caught = [line for line in caught if line.split(" ", 1)[-1] not in PLANTED]
+        if caught or '"540.%d"' % (RACED_SAVES - 1) not in open(target).read():
+            failures.append("saves beside a reader that retries: it caught %s" % caught)
     finally:
         machine.close()
 
