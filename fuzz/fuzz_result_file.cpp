@@ -1,6 +1,7 @@
 // Arbitrary bytes as "gpuvet.json": the store loads them against a small
 // adapter list, stores a verdict and writes the file. What was written must
-// read back as exactly the records the store held.
+// read back as exactly the records the store held, the same bytes also as one
+// of the record's strings: any bytes written are read back as the same bytes.
 #include <fcntl.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -63,8 +64,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   AdapterResult tested = store.results.at(0);
   tested.checked = 1;
   tested.checkResult = -11;
+  tested.clDrvVersion.assign(reinterpret_cast<const char*>(data), size);
   store.Update(tested);
-  store.AddResult();
+  if (store.AddResult() != 0) {
+    return 0;  // a file refused for a limit is left as it is
+  }
 
   std::vector<AdapterResult> readBack;
   if (store.ReadConfig(store.path, readBack) != 0 || readBack.size() != store.results.size()) {

@@ -189,6 +189,10 @@ void FixtureMachine::AddOpenClVendor(const std::string& name, const std::string&
   WriteFile("opencl/vendors/" + name + ".icd", libraryPath + "\n");
 }
 
+void FixtureMachine::MountOver(const std::string& systemPath, const std::string& relativePath) {
+  mounts_[systemPath] = PathOf(relativePath);
+}
+
 void FixtureMachine::SetEnv(const std::string& name, const std::string& value) {
   env_[name] = value;
 }

@@ -56,6 +56,8 @@ class FixtureMachine {
   void SetKernelBuildDate(const std::string& date);
   // Registers an OpenCL vendor library for the runs (OCL_ICD_VENDORS folder).
   void AddOpenClVendor(const std::string& name, const std::string& libraryPath) const;
+  // Mounts a file or folder of the fixture over a path of the system for the runs.
+  void MountOver(const std::string& systemPath, const std::string& relativePath);
   // Sets a variable in the environment of every run.
   void SetEnv(const std::string& name, const std::string& value);
 

@@ -3,9 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "e2e_support.h"
 
@@ -22,6 +25,12 @@ std::string ListFile(const std::string& root, const std::string& deviceName) {
   listed.name = deviceName;
   listed.driverVersion = "535";
   return ListFileText(root, {listed});
+}
+
+std::string ReadWhole(const std::string& path) {
+  std::ostringstream text;
+  text << std::ifstream(path, std::ios::binary).rdbuf();
+  return text.str();
 }
 
 nlohmann::ordered_json ReadJson(const std::string& path) {
@@ -57,9 +66,117 @@ class ResultStoreTest : public ::testing::Test {
     return machine_.RunGpuvet(args);
   }
 
+  // Runs a shell command as user nobody, the way another local user plants
+  // objects where root's run will look.
+  void AsNobody(const std::string& command) {
+    const RunResult planted = machine_.Run(
+        {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "/bin/sh", "-c", command});
+    ASSERT_EQ(planted.status, 0) << command << ": " << planted.err;
+  }
+
+  // A folder that every user may write to, sticky as /tmp is.
+  std::string SharedDir(const std::string& name) {
+    const std::string dir = machine_.MakeDir(name);
+    chmod(dir.c_str(), 01777);
+    return dir;
+  }
+
   FixtureMachine machine_;
   std::string blackList_, whiteList_, resultDir_, resultFile_;
 };
+
+constexpr const char* kPlantedMark = "planted-7d1f";
+
+// Hostile ground: another user plants a link, a file or a FIFO where root's run
+// will look, and the run is asked for a verdict that a fresh test refuses.
+// The run tests afresh, prints nothing of the planted file, stores nothing and
+// says why in one line; what the planted objects point at stays as it was.
+TEST_F(ResultStoreTest, ObjectsOtherUsersPlantAreNeitherReadNorReplaced) {
+  ASSERT_EQ(Run("1").status, kStatusOk);
+  nlohmann::ordered_json pass = ReadJson(resultFile_);
+  pass["Planted"] = kPlantedMark;
+  const std::string forged = machine_.WriteFile("forged.json", pass.dump());
+  machine_.WriteFile("lists/white.xml", ListFile("WhiteList", "Some Other GPU"));
+
+  const std::string secret = machine_.WriteFile("private/secret.json", pass.dump());
+  chmod(secret.c_str(), 0600);
+  const std::string service = machine_.MakeDir("service");
+  chmod(service.c_str(), 0700);
+  const std::string serviceFile = machine_.WriteFile("service/gpuvet.json", pass.dump());
+  const std::string serviceTemp = machine_.WriteFile("service/gpuvet.json.tmp-999999-0", "{");
+  const struct {
+    std::string result;  // the --result folder
+    std::string plant;   // as nobody
+    std::string why;
+    std::string kept;  // a file whose bytes must stay
+  } cases[] = {
+      {SharedDir("link"), "ln -s " + secret + " link/gpuvet.json", "is a link of another user's", secret},
+      {SharedDir("shared") + "/results", "ln -s " + service + " shared/results", "lies behind a link of another user's",
+       serviceFile},
+      {SharedDir("forged"), "cp " + forged + " forged/gpuvet.json", "belongs to another user", forged},
+      {SharedDir("fifo"), "mkfifo fifo/gpuvet.json", "is not a regular file", forged},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.why);
+    AsNobody(c.plant);
+    const std::string kept = ReadWhole(c.kept);
+    const RunResult run = machine_.RunGpuvet({"--gpu", "1", "--blacklist", blackList_, "--whitelist", whiteList_,
+                                              "--result", c.result});
+    EXPECT_EQ(run.status, kStatusNotInWhiteList);
+    EXPECT_THAT(run.out, EndsWith("ResultSerialize::AddResult: " + c.result + "/gpuvet.json " + c.why +
+                                  ", nothing stored\n"));
+    EXPECT_THAT(run.out, AllOf(Not(HasSubstr(kPlantedMark)), Not(HasSubstr("Timeout")), HasSubstr("gpuvet begin")));
+    EXPECT_EQ(ReadWhole(c.kept), kept);
+  }
+  EXPECT_TRUE(std::filesystem::exists(serviceTemp)) << "another folder's temporary file was removed";
+  struct stat planted {};
+  ASSERT_EQ(lstat(machine_.PathOf("forged/gpuvet.json").c_str(), &planted), 0);
+  EXPECT_EQ(planted.st_uid, 65534u);
+  ASSERT_EQ(lstat(machine_.PathOf("fifo/gpuvet.json").c_str(), &planted), 0);
+  EXPECT_TRUE(S_ISFIFO(planted.st_mode));
+}
+
+// The folder is opened once: one swapped for another user's link while the
+// run goes on (here by the vendor, in the middle of the test) is not followed;
+// the verdict goes to the folder the run opened.
+TEST_F(ResultStoreTest, FolderSwappedDuringTheRunIsNotFollowed) {
+  const std::string shared = SharedDir("shared");
+  const std::string results = machine_.MakeDir("shared/results");
+  const std::string service = machine_.MakeDir("service");
+  const std::string serviceFile = machine_.WriteFile("service/gpuvet.json", R"({"Service": 1})");
+  IcdConfig config;
+  IcdDevice device = NvidiaDevice();
+  device.faults.push_back({CL_DEVICE_NAME, kIcdRunHook});
+  config.platforms.emplace_back().devices = {device};
+  UseTestIcd(machine_, config,
+             "mv " + results + " " + results + ".old && setpriv --reuid=65534 --regid=65534 --clear-groups ln -s " +
+                 service + " " + results);
+  const RunResult run = machine_.RunGpuvet({"--gpu", "1", "--blacklist", blackList_, "--whitelist", whiteList_,
+                                            "--result", results});
+  EXPECT_EQ(run.status, kStatusOk) << run.out;
+  EXPECT_EQ(ReadWhole(serviceFile), R"({"Service": 1})");
+  EXPECT_EQ(ReadJson(results + ".old/gpuvet.json")["GpuVet"]["Adapters"][1]["checked"], 1);
+}
+
+// A FIFO named like a leftover temporary file is passed over, never opened:
+// the save goes through at once.
+TEST_F(ResultStoreTest, FifoNamedLikeALeftoverIsPassedOver) {
+  ASSERT_EQ(mkfifo((resultFile_ + ".tmp-999999-0").c_str(), 0600), 0);
+  const RunResult run = Run("1");
+  EXPECT_EQ(run.status, kStatusOk);
+  EXPECT_THAT(run.out, AllOf(Not(HasSubstr("Timeout")), EndsWith("file:" + resultFile_ + "\n")));
+  EXPECT_EQ(ReadJson(resultFile_)["GpuVet"]["Adapters"][1]["checked"], 1);
+}
+
+// An adapter name is cut at byte 127, here inside a UTF-8 character: the record
+// keeps exactly those bytes, and the next run answers from it.
+TEST_F(ResultStoreTest, NameCutInsideACharacterIsKeptAndAnswersTheNextRun) {
+  const std::string name = std::string(126, 'x') + "\xE2\x82\xAC and more";
+  machine_.WriteFile("pci.ids", "10de  NVIDIA Corporation\n\t1b80  " + name + "\n");
+  machine_.MountOver("/usr/share/misc/pci.ids", "pci.ids");
+  EXPECT_THAT(Run("1").out, HasSubstr("\n   " + name.substr(0, 127) + ", device_id"));
+  EXPECT_THAT(Run("1").out, EndsWith("Find result in config. 0\n"));
+}
 
 TEST_F(ResultStoreTest, FirstRunStoresTheVerdictAndTheSecondAnswersFromIt) {
   const RunResult first = Run("1");
@@ -128,7 +245,8 @@ TEST_F(ResultStoreTest, WithoutGpuIndexTheFileIsReadButNotWritten) {
 
 // A run cut off in the middle of writing the file leaves the old file whole,
 // the members the tool does not own included. The cut comes from a file size
-// limit: the kernel ends the process at the first write past it.
+// limit: the kernel ends the process at the first write past it (the log goes
+// to a device, which the limit does not count).
 TEST_F(ResultStoreTest, RunCutOffWhileWritingLeavesTheOldFileWhole) {
   constexpr std::size_t kHostSettings = 50000;  // about 1.3 MB of JSON
   nlohmann::ordered_json host;
@@ -140,10 +258,17 @@ TEST_F(ResultStoreTest, RunCutOffWhileWritingLeavesTheOldFileWhole) {
   for (const char* limitBlocks : {"1", "256", "2048"}) {  // 512-byte blocks
     machine_.WriteFile("results/gpuvet.json", original);
     ClearIcdCallLog(machine_);
-    const RunResult cut = machine_.Run({"/bin/sh", "-c", std::string("ulimit -f ") + limitBlocks + "; exec \"$0\" \"$@\"",
+    const RunResult cut = machine_.Run({"/bin/sh", "-c",
+                                        std::string("umask 000; ulimit -f ") + limitBlocks + "; exec \"$0\" \"$@\" >/dev/null",
                                         GpuvetBinary(), "--gpu", "1", "--result", resultDir_});
     EXPECT_EQ(cut.status, -1) << "the write was not cut at " << limitBlocks << " blocks";
     EXPECT_EQ(ReadJson(resultFile_).dump(), original) << "cut at " << limitBlocks << " blocks";
+  }
+  // Whatever the umask, a temporary file is root's alone while it is written.
+  for (const auto& entry : std::filesystem::directory_iterator(resultDir_)) {
+    struct stat leftover {};
+    ASSERT_EQ(stat(entry.path().c_str(), &leftover), 0);
+    EXPECT_TRUE(entry.path() == resultFile_ || (leftover.st_mode & 07777) == 0600u) << entry.path();
   }
   // The next save clears what the cut-off runs left behind.
   EXPECT_EQ(Run("1").status, kStatusOk);

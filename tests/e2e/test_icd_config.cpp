@@ -36,6 +36,7 @@ void WriteFaults(std::ostream& out, const std::vector<IcdFault>& faults, bool de
 
 std::string ConfigText(const IcdConfig& config) {
   std::ostringstream out;
+  out << "atend destructor " << config.destructorFault << "\natend exithandler " << config.exitHandlerFault << "\n";
   for (const IcdPlatform& platform : config.platforms) {
     out << "platform\n";
     WriteText(out, CL_PLATFORM_PROFILE, platform.profile);
@@ -63,11 +64,12 @@ std::string ConfigText(const IcdConfig& config) {
 
 }  // namespace
 
-void UseTestIcd(FixtureMachine& machine, const IcdConfig& config) {
+void UseTestIcd(FixtureMachine& machine, const IcdConfig& config, const std::string& hook) {
   machine.AddOpenClVendor("gpuvet_test", TestIcdLibrary());
   machine.SetEnv("GPUVET_TEST_ICD_CONFIG", machine.WriteFile(kConfigFile, ConfigText(config)));
   machine.SetEnv("GPUVET_TEST_ICD_CALL_LOG", machine.PathOf(kCallLogFile));
   machine.SetEnv("OCL_ICD_PLATFORM_SORT", "none");
+  machine.SetEnv("GPUVET_TEST_ICD_HOOK", hook);
 }
 
 std::vector<std::string> ReadIcdCallLog(const FixtureMachine& machine) {

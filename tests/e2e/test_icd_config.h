@@ -27,6 +27,8 @@ namespace gpuvet::e2e {
 constexpr int32_t kIcdCrash = 1001;
 constexpr int32_t kIcdAbort = 1002;
 constexpr int32_t kIcdExitZero = 1003;
+// The call runs the shell command of UseTestIcd's hook, then answers as usual.
+constexpr int32_t kIcdRunHook = 1004;
 
 struct IcdFault {
   uint32_t param = 0;  // ignored for clGetDeviceIDs
@@ -61,10 +63,15 @@ struct IcdPlatform {
 
 struct IcdConfig {
   std::vector<IcdPlatform> platforms;  // none: the loader drops the vendor
+  // kIcdCrash, kIcdAbort or kIcdExitZero once more while the process ends, in
+  // the library's destructor or in an exit handler it registered; 0: none.
+  int32_t destructorFault = 0;
+  int32_t exitHandlerFault = 0;
 };
 
-// Registers the vendor as "gpuvet_test" with this config and its call log.
-void UseTestIcd(FixtureMachine& machine, const IcdConfig& config);
+// Registers the vendor as "gpuvet_test" with this config and its call log;
+// `hook` is the shell command that kIcdRunHook runs.
+void UseTestIcd(FixtureMachine& machine, const IcdConfig& config, const std::string& hook = "");
 
 // The calls of every run since the last clear, oldest first, one line each:
 // "clGetDeviceInfo device=1 param=0x102b size=0 result=0". None when no run made one.

@@ -12,7 +12,12 @@
  *                                sleeps and answers CODE (CL_SUCCESS: as usual);
  *                                PARAM 0 on a platform is its clGetDeviceIDs;
  *                                CODE 1001, 1002, 1003 make the call crash,
- *                                abort or exit(0) the way a broken vendor does
+ *                                abort or exit(0) the way a broken vendor does;
+ *                                1004 runs the shell command in
+ *                                GPUVET_TEST_ICD_HOOK and then answers
+ *   atend WHERE CODE             CODE 1001-1003 once more, while the process
+ *                                ends: WHERE is "destructor" (the library's
+ *                                own) or "exithandler" (one it registers)
  *
  * Every call of the program under test goes as one line to the file named by
  * GPUVET_TEST_ICD_CALL_LOG; the loader's own queries while it loads the vendor
@@ -33,7 +38,7 @@
 #pragma GCC diagnostic ignored "-Wunused-parameter"
 
 /* Fault codes beyond OpenCL's: the call ends the process instead of answering. */
-enum { kFaultCrash = 1001, kFaultAbort = 1002, kFaultExitZero = 1003 };
+enum { kFaultCrash = 1001, kFaultAbort = 1002, kFaultExitZero = 1003, kFaultRunHook = 1004 };
 
 enum { kMaxPlatforms = 8, kMaxDevices = 160, kMaxInfos = 12, kMaxFaults = 4, kMaxValueSize = 256 };
 
@@ -74,6 +79,7 @@ static struct _cl_device_id g_devices[kMaxDevices];
 static unsigned g_platformCount, g_deviceCount;
 static struct icd_object* g_current; /* where info and fault statements go */
 static int g_configLoaded;
+static int g_destructorFault, g_exitHandlerFault; /* what the end of the process meets */
 /* Set while the loader loads the vendor: it asks each platform for
  * CL_PLATFORM_EXTENSIONS and CL_PLATFORM_ICD_SUFFIX_KHR, and any other call
  * shows that the program under test has taken over. */
@@ -92,6 +98,17 @@ static void AppendCallLog(const char* format, ...) {
   va_end(args);
   close(fd);
 }
+
+/* Ends the process the way a broken vendor does, or returns for any other code. */
+static void EndTheWay(int code) {
+  if (code == kFaultCrash) (void)*(volatile int*)(uintptr_t)8;
+  if (code == kFaultAbort) abort();
+  if (code == kFaultExitZero) exit(0);
+}
+
+static void ExitHandlerFault(void) { EndTheWay(g_exitHandlerFault); }
+
+__attribute__((destructor)) static void DestructorFault(void) { EndTheWay(g_destructorFault); }
 
 static struct icd_info* NewInfo(cl_uint param, size_t size) {
   if (g_current == NULL || g_current->infoCount == kMaxInfos || size > kMaxValueSize) return NULL;
@@ -129,6 +146,11 @@ static int ReadStatement(FILE* file) {
     }
     return info == NULL ? -1 : 1;
   }
+  if (strcmp(word, "atend") == 0 && fscanf(file, "%15s %d", word, &fault.code) == 2) {
+    if (strcmp(word, "exithandler") == 0 && atexit(ExitHandlerFault) == 0) g_exitHandlerFault = fault.code;
+    if (strcmp(word, "destructor") == 0) g_destructorFault = fault.code;
+    return 1;
+  }
   if (strcmp(word, "fault") == 0 &&
       fscanf(file, "%x %d %u %u", &fault.param, &fault.code, &fault.skip, &fault.sleepSeconds) == 4 &&
       g_current != NULL && g_current->faultCount < kMaxFaults) {
@@ -157,9 +179,8 @@ static cl_int ApplyFault(struct icd_object* object, cl_uint param) {
     struct icd_fault* fault = &object->faults[i];
     if (fault->param != param || fault->calls++ < fault->skip) continue;
     if (fault->sleepSeconds > 0) sleep(fault->sleepSeconds);
-    if (fault->code == kFaultCrash) *(volatile int*)object->infos[0].bytes = *(volatile int*)(uintptr_t)8;
-    if (fault->code == kFaultAbort) abort();
-    if (fault->code == kFaultExitZero) exit(0);
+    EndTheWay(fault->code);
+    if (fault->code == kFaultRunHook) return system(getenv("GPUVET_TEST_ICD_HOOK")) == 0 ? CL_SUCCESS : CL_INVALID_VALUE;
     return fault->code;
   }
   return CL_SUCCESS;

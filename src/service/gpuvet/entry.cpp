@@ -132,24 +132,21 @@ int32_t EndRunOnEscape(const std::function<int32_t()>& run) {
 }
 
 // Vendor libraries run inside the process: whatever way of ending it they take
-// gives the refusal of a timed-out run, never a pass.
+// gives the refusal of a timed-out run, never a pass, until the run's code is
+// decided, and that code after it, to the process's last instruction.
 int32_t GpuvetMain(int argc, char** argv) {
   platform::GuardProcessEnd(GPUVET_NOT_IN_WHITELIST);
-  const int32_t runCode = EndRunOnEscape([argc, argv] { return RunSequence(argc, argv); });
-  platform::AllowProcessEnd();
-  return runCode;
+  return EndRunOnEscape([argc, argv] { return RunSequence(argc, argv); });
 }
 
 void OnInvalidParameter() {
   Print("_invalid_parameter\n");
-  platform::AllowProcessEnd();
-  std::exit(GPUVET_INVALID_PARAMETER);
+  platform::EndProcess(GPUVET_INVALID_PARAMETER);
 }
 
 void OnPureCall() {
   Print("In _purecall_handler.\n");
-  platform::AllowProcessEnd();
-  std::exit(GPUVET_PURE_CALL);
+  platform::EndProcess(GPUVET_PURE_CALL);
 }
 
 void OnQdxLog(void* /*context*/, const char* message) {

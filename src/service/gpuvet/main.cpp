@@ -1,7 +1,6 @@
-#include <cstdlib>
-
 #include "entry.h"
+#include "platform/process.h"
 
 int main(int argc, char** argv) {
-  std::exit(gpuvet::GpuvetMain(argc, argv));
+  gpuvet::platform::EndProcess(gpuvet::GpuvetMain(argc, argv));
 }

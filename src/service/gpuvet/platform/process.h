@@ -31,4 +31,12 @@ void GuardProcessEnd(int32_t code);
 // The tool ends the process itself from here on: exit is no longer foreign.
 void AllowProcessEnd();
 
+// The tool's own end of the process, once its code is decided: the guard is
+// armed with that code to the last instruction, standard output is flushed,
+// and the process ends without running exit handlers or static destructors,
+// so that nothing a vendor library left behind (a destructor, an exit handler,
+// a thread) can end it with another status. A vendor's own _exit is the one end
+// no process can catch.
+[[noreturn]] void EndProcess(int32_t code);
+
 }  // namespace gpuvet::platform

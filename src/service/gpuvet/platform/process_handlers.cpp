@@ -8,7 +8,8 @@ namespace {
 
 std::atomic<ProcessHandler> g_invalidParameterHandler{nullptr};
 std::atomic<ProcessHandler> g_pureCallHandler{nullptr};
-std::atomic<int32_t> g_guardedCode{kNotGuarded};
+std::atomic<int32_t> g_guardedCode{0};
+std::atomic<bool> g_guarded{false};
 
 [[noreturn]] void EndWithHandler(const std::atomic<ProcessHandler>& handler) {
   if (const ProcessHandler installed = handler.load()) {
@@ -37,14 +38,19 @@ void ReportInvalidParameter() {
 
 void KeepGuardedCode(int32_t code) {
   g_guardedCode.store(code);
+  g_guarded.store(true);
 }
 
 int32_t GuardedCode() {
   return g_guardedCode.load();
 }
 
+bool ProcessEndGuarded() {
+  return g_guarded.load();
+}
+
 void AllowProcessEnd() {
-  g_guardedCode.store(kNotGuarded);
+  g_guarded.store(false);
 }
 
 }  // namespace gpuvet::platform

@@ -8,16 +8,16 @@
 // installed, and the code that a foreign end of the process is turned into.
 namespace gpuvet::platform {
 
-// The guarded code while the tool itself may end the process.
-constexpr int32_t kNotGuarded = 0;
-
 void KeepInvalidParameterHandler(ProcessHandler handler);
 void KeepPureCallHandler(ProcessHandler handler);
 // Calls the installed handler, which ends the process; without one, the process
 // ends quietly, never with an abort or a core dump.
 [[noreturn]] void EndWithPureCallHandler();
 
+// Arms the guard with the code that a foreign end of the process gives; every
+// code is a valid one, 0 included, so whether the guard is armed is kept apart.
 void KeepGuardedCode(int32_t code);
 int32_t GuardedCode();
+bool ProcessEndGuarded();
 
 }  // namespace gpuvet::platform

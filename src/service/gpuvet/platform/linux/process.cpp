@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -13,6 +14,10 @@ namespace gpuvet::platform {
 namespace {
 
 std::atomic<bool> g_exitHandlerInstalled{false};
+
+// The leak check of a sanitizer build, which would otherwise run from an exit
+// handler that EndProcess skips; null in every other build.
+extern "C" __attribute__((weak)) void __lsan_do_leak_check();
 
 // The signals by which a library's fault or abort ends a process.
 constexpr int kFatalSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT};
@@ -64,7 +69,7 @@ void OnFatalSignal(int signal) {
 
 // Runs for every exit; only one that comes while the run is guarded is foreign.
 void OnExit() {
-  if (GuardedCode() != kNotGuarded) {
+  if (ProcessEndGuarded()) {
     WriteText("exception: exit from inside the run\n");
     ::_exit(GuardedCode());
   }
@@ -91,8 +96,20 @@ void ExitProcessNow(int32_t code) {
   _exit(code);
 }
 
+void EndProcess(int32_t code) {
+  KeepGuardedCode(code);
+  std::fflush(stdout);
+  if (__lsan_do_leak_check != nullptr) {
+    __lsan_do_leak_check();
+  }
+  ExitProcessNow(code);
+}
+
+// A host may close its end of the pipe at any time: the write fails, the line
+// is dropped, and the run goes on as if it had been read.
 void GuardProcessEnd(int32_t code) {
   KeepGuardedCode(code);
+  ::signal(SIGPIPE, SIG_IGN);
   if (!g_exitHandlerInstalled.exchange(true)) {
     std::atexit(OnExit);
   }

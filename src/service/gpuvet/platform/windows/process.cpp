@@ -56,7 +56,7 @@ void WriteText(const char* text) {
 // A fault on any thread, once no handler of the thread took it: no crash box,
 // no debugger, the refusal code.
 LONG WINAPI OnUnhandledException(EXCEPTION_POINTERS* pointers) {
-  if (GuardedCode() == kNotGuarded) {
+  if (!ProcessEndGuarded()) {
     return EXCEPTION_CONTINUE_SEARCH;
   }
   EndForeignException(*pointers->ExceptionRecord);
@@ -76,7 +76,7 @@ LONG WINAPI OnNoncontinuableException(EXCEPTION_POINTERS* pointers) {
 
 // abort, and std::terminate through it.
 void OnAbortSignal(int /*signal*/) {
-  if (GuardedCode() != kNotGuarded) {
+  if (ProcessEndGuarded()) {
     EndForeign("abort");
   }
   ExitProcessNow(EXIT_FAILURE);
@@ -84,7 +84,7 @@ void OnAbortSignal(int /*signal*/) {
 
 // Runs for every exit of the runtime; only one that comes while the run is guarded is foreign.
 void OnExit() {
-  if (GuardedCode() != kNotGuarded) {
+  if (ProcessEndGuarded()) {
     EndForeign("exit from inside the run");
   }
 }
@@ -110,6 +110,12 @@ void SetPureCallHandler(ProcessHandler handler) {
 void ExitProcessNow(int32_t code) {
   ::TerminateProcess(::GetCurrentProcess(), static_cast<UINT>(code));
   ::ExitProcess(static_cast<UINT>(code));
+}
+
+void EndProcess(int32_t code) {
+  KeepGuardedCode(code);
+  std::fflush(stdout);
+  ExitProcessNow(code);
 }
 
 void GuardProcessEnd(int32_t code) {

@@ -2,11 +2,11 @@
 // narrow text that keeps it whole (see ToArgument); the runtime text functions
 // of this layer compare, convert and narrow the wide element it stands for, so
 // option names, numbers and path values come out as the wide calls give them.
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "entry.h"
+#include "platform/process.h"
 #include "platform/windows/wide_text.h"
 
 int wmain(int argc, wchar_t** argv) {
@@ -22,5 +22,5 @@ int wmain(int argc, wchar_t** argv) {
     arguments.push_back(text.data());
   }
   arguments.push_back(nullptr);
-  std::exit(gpuvet::GpuvetMain(argc, arguments.data()));
+  gpuvet::platform::EndProcess(gpuvet::GpuvetMain(argc, arguments.data()));
 }
