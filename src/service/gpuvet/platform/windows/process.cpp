@@ -67,7 +67,7 @@ LONG WINAPI OnUnhandledException(EXCEPTION_POINTERS* pointers) {
 // where no frame handler is found, and the process would end with 0.
 LONG WINAPI OnNoncontinuableException(EXCEPTION_POINTERS* pointers) {
   const EXCEPTION_RECORD& record = *pointers->ExceptionRecord;
-  if (GuardedCode() == kNotGuarded || (record.ExceptionFlags & EXCEPTION_NONCONTINUABLE) == 0 ||
+  if (!ProcessEndGuarded() || (record.ExceptionFlags & EXCEPTION_NONCONTINUABLE) == 0 ||
       (record.ExceptionCode & kCustomerCode) != 0) {
     return EXCEPTION_CONTINUE_SEARCH;
   }
