@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -53,6 +54,12 @@ inline std::string ListFileText(const std::string& root, const std::vector<IcdDe
             "</DriverVersion></Item>";
   }
   return text + "</" + root + ">\n";
+}
+
+inline std::string ReadWhole(const std::string& path) {
+  std::ostringstream text;
+  text << std::ifstream(path, std::ios::binary).rdbuf();
+  return text.str();
 }
 
 inline std::vector<std::string> Lines(const std::string& text) {

@@ -4,9 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
-
 #include "e2e_support.h"
 
 namespace gpuvet::e2e {
@@ -76,12 +73,6 @@ TEST_F(HostileTest, VendorThatEndsTheProcessAfterTheRunLeavesTheRunsCode) {
       EXPECT_THAT(run.out, EndsWith("in blacklist!\n"));
     }
   }
-}
-
-std::string ReadWhole(const std::string& path) {
-  std::ostringstream text;
-  text << std::ifstream(path, std::ios::binary).rdbuf();
-  return text.str();
 }
 
 // A host that closes the pipe after the first line changes nothing: the same

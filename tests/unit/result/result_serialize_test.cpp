@@ -132,35 +132,47 @@ TEST_F(ResultStoreTest, UnusableFilesGiveTheirLineAndAreRewritten) {
 
 // A file too large or too deep is refused unread and never replaced: it may
 // hold a host's data that the reader could not see. The limits are 16 MiB and
-// 512 levels, both inclusive.
+// 512 levels, both inclusive. What the tool writes it reads back: the members
+// of others are written compact, so a rewritten file grows with the records,
+// not with how deep or wide others' members are; one that would still pass the
+// limit (numbers written longer than they were read) is not written at all.
 TEST_F(ResultStoreTest, FilesBeyondTheLimitsAreReadAsUnusableAndKeptAsTheyAre) {
   const auto nested = [](std::size_t levels) {
     return "{\"a\": " + std::string(levels - 1, '[') + std::string(levels - 1, ']') + "}";
   };
+  const auto repeated = [](const std::string& item, int count) {
+    std::string text = "{\"a\": [";
+    for (int i = 0; i < count; ++i) {
+      text += item + ",";
+    }
+    return text + item + "]}";
+  };
   const std::string large = "{\"a\": \"" + std::string((16u << 20) - 4096, 'x') + "\"}";
   const struct {
     std::string file;
-    const char* refusal;  // nullptr: within the limits
+    const char* refusal;  // nullptr: within the limits, and rewritten about as large
   } cases[] = {
       {nested(512), nullptr},
       {nested(513), "is nested deeper than 512 levels"},
       {nested(200000), "is nested deeper than 512 levels"},
       {large, nullptr},
       {large + std::string(4097, ' '), "is larger than 16 MiB"},
+      {repeated("1", 1000000), nullptr},
+      {repeated("1e14", 950000), "would be larger than 16 MiB"},  // written back as 100000000000000.0
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.refusal != nullptr ? c.refusal : "within");
     WriteFile(c.file);
     std::vector<AdapterResult> records(1);
-    const std::string read = Read(records);
-    EXPECT_EQ(read == ParseFailedLine(), c.refusal != nullptr);
+    const bool readable = c.refusal == nullptr || std::string(c.refusal).rfind("would", 0) == 0;
+    EXPECT_EQ(Read(records) == ParseFailedLine(), !readable);
     store.results = {kFreshNvidia};
     const std::string written = Write();
     if (c.refusal == nullptr) {
-      EXPECT_THAT(written, testing::EndsWith("file:" + store.path + "\n"));
+      EXPECT_TRUE(written.size() < c.file.size() + 1024 && ReadFile().size() < c.file.size() + 1024);
       continue;
     }
-    EXPECT_EQ(written, "ResultSerialize::AddResult: " + store.path + " " + c.refusal + ", nothing stored\n");
+    EXPECT_EQ(written.substr(0, 200), "ResultSerialize::AddResult: " + store.path + " " + c.refusal + ", nothing stored\n");
     EXPECT_EQ(status, -1);
     EXPECT_TRUE(ReadFile() == c.file);
   }
@@ -173,37 +185,6 @@ TEST_F(ResultStoreTest, FilesBeyondTheLimitsAreReadAsUnusableAndKeptAsTheyAre) {
   std::vector<AdapterResult> records;
   Read(records);
   EXPECT_EQ(status, -1);  // no section
-}
-
-// What the tool writes, it reads back: the members of others keep a compact
-// form, so a rewritten file grows with the records, not with how deep or how
-// wide the others' members are; one that would still pass the limit is not
-// written at all.
-TEST_F(ResultStoreTest, RewrittenFileStaysWithinTheLimits) {
-  const std::string deep = std::string(511, '[') + std::string(511, ']');
-  std::string wide = "[";
-  for (int i = 0; i < 1000000; ++i) {
-    wide += "1,";
-  }
-  wide += "1]";
-  std::string floats = "[";
-  for (int i = 0; i < 950000; ++i) {
-    floats += "1e14,";  // written back as 100000000000000.0
-  }
-  floats += "1]";
-  store.results = {kFreshNvidia};
-  for (const std::string* member : std::vector<const std::string*>{&deep, &wide}) {
-    const std::string file = "{\"Host\":" + *member + "}";
-    WriteFile(file);
-    Write();
-    EXPECT_EQ(status, 0);
-    EXPECT_LT(ReadFile().size(), file.size() + 1024);
-  }
-  const std::string file = "{\"Host\":" + floats + "}";
-  WriteFile(file);
-  EXPECT_EQ(Write().substr(0, 200),
-            "ResultSerialize::AddResult: " + store.path + " would be larger than 16 MiB, nothing stored\n");
-  EXPECT_TRUE(ReadFile() == file);
 }
 
 // The JSON layer's errors are the JSON library's, which the guards catch.
@@ -278,13 +259,35 @@ TEST_F(ResultStoreTest, ReaderTakesObjectsOnlyAndKnownKeysOfTheRightType) {
 // The section is replaced whole and moves to the end; the other members keep
 // their place and content, the file its permission bits, and no temporary file
 // is left. The file is printed with its path; each record is written with the
-// ten keys in order, the ids unsigned.
+// ten keys in order, the ids unsigned. Any bytes a string holds are read back
+// as the same bytes: a name cut inside a UTF-8 character, text in another
+// encoding, the characters that carry such bytes in the file, zero bytes.
+std::vector<std::string> AnyBytes() {
+  const std::string pieces[] = {"a", "\xC3", "\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\xF4", "\x8F", "\xBC",
+                                "\xBF", "\x80", "\xED\xA0\x80", "\xC0\x80", "\xEF\xBF\xBD", std::string(1, '\0'),
+                                "\"", "\\", "\n", "\xFF"};
+  std::vector<std::string> texts = {std::string(126, 'x') + "\xE2", "Gr\xE4" "fikkarte", "\xF4\x8F\xBF\xBF"};
+  std::mt19937 random(16);  // the same cases on every run
+  for (int i = 0; i < 400; ++i) {
+    std::string text;
+    for (auto count = random() % 12; count > 0; --count) {
+      text += random() % 4 == 0 ? std::string(1, static_cast<char>(random())) : pieces[random() % std::size(pieces)];
+    }
+    texts.push_back(text);
+  }
+  return texts;
+}
+
 TEST_F(ResultStoreTest, RecordsSurviveAWriteAndARead) {
   WriteFile(R"({"first": {"deep": [1, "two", {"x": null}]}, "GpuVet": {"Adapters": [], "keep": 1}, "last": -3})");
   ASSERT_EQ(chmod(store.path.c_str(), 0640), 0);
   const AdapterResult record{1, -11, {0x80000001u, 0xFFFFFFFFu, "Radeon \xC3\xA9", "31.0.1", "20230607"},
                              "OpenCL C 2.0", "OpenCL 2.0 AMD-APP", "3444.0"};
   store.results = {record, AdapterResult{}};
+  const std::vector<std::string> texts = AnyBytes();
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    store.results.push_back(AdapterResult{0, 0, {0, 0, texts[i], "", ""}, "", "", texts[texts.size() - 1 - i]});
+  }
   const std::string printed = Write();
   EXPECT_EQ(status, 0);
   EXPECT_EQ(printed, ReadFile() + "file:" + store.path + "\n");
@@ -309,47 +312,16 @@ TEST_F(ResultStoreTest, RecordsSurviveAWriteAndARead) {
   std::vector<AdapterResult> records;
   Read(records);
   EXPECT_EQ(status, 0);
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(Fields(records[0]), Fields(record));
-  EXPECT_EQ(Fields(records[1]), Fields(AdapterResult{}));
+  ASSERT_EQ(records.size(), store.results.size());
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    EXPECT_EQ(Fields(records[i]), Fields(store.results[i])) << i;
+  }
 
   store.results.clear();
   Write();
   Read(records);
   EXPECT_EQ(status, 0);  // an empty list reads as no records
   EXPECT_TRUE(records.empty());
-}
-
-// Any bytes a record holds are written and read back as the same bytes: a name
-// cut inside a UTF-8 character, text in another encoding, the characters that
-// carry such bytes in the file, zero bytes, quotes and escapes.
-TEST_F(ResultStoreTest, AnyBytesAreReadBackAsTheSameBytes) {
-  const std::string pieces[] = {"a", "\xC3", "\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\xF4", "\x8F", "\xBC",
-                                "\xBF", "\x80", "\xED\xA0\x80", "\xC0\x80", "\xEF\xBF\xBD", std::string(1, '\0'),
-                                "\"", "\\", "\n", "\xFF"};
-  std::vector<std::string> texts = {std::string(126, 'x') + "\xE2", "Gr\xE4" "fikkarte", "\xF4\x8F\xBF\xBF"};
-  std::mt19937 random(16);  // the same cases on every run
-  for (int i = 0; i < 400; ++i) {
-    std::string text;
-    for (auto count = random() % 12; count > 0; --count) {
-      text += random() % 4 == 0 ? std::string(1, static_cast<char>(random())) : pieces[random() % std::size(pieces)];
-    }
-    texts.push_back(text);
-  }
-  store.results.clear();
-  for (std::size_t i = 0; i < texts.size(); ++i) {
-    AdapterResult record;
-    record.adapter.devName = texts[i];
-    record.clDrvVersion = texts[texts.size() - 1 - i];
-    store.results.push_back(record);
-  }
-  Write();
-  std::vector<AdapterResult> records;
-  Read(records);
-  ASSERT_EQ(records.size(), texts.size());
-  for (std::size_t i = 0; i < texts.size(); ++i) {
-    EXPECT_EQ(Fields(records[i]), Fields(store.results[i])) << i;
-  }
 }
 
 // The stored verdicts stand only when every record matches the live adapter at
