@@ -402,6 +402,7 @@ def session_guard(suite, failures):
 
 
 SECRET = "s3cr3t-of-another-service"
+NOBODY = 65534
 
 
 def session_hostile_folder(suite, failures):
@@ -442,6 +443,22 @@ def session_hostile_folder(suite, failures):
                     failures.append("%s: %s was touched" % (folder, path))
         if not os.path.islink(machine.drive_c("link_file/gpuvet.json")):
             failures.append("link_file: the planted link is gone")
+
+        # A stored pass forged by another user (a Unix owner Wine maps to no account of the prefix) is not trusted.
+        os.makedirs(machine.drive_c("forged"))
+        forged = machine.drive_c("forged/gpuvet.json")
+        document = json.load(open(os.path.join(secret, "gpuvet.json")))
+        document["GpuVet"]["Adapters"][-1]["checkResult"] = 0
+        with open(forged, "w") as file:
+            json.dump(document, file)
+        os.chown(forged, NOBODY, NOBODY)
+        forged_bytes = open(forged, "rb").read()
+        status, output, _ = machine.run(args + ["C:\\forged", "--blacklist", "C:\\lists\\black_hit.xml"],
+                                        [NVIDIA_ROW], icd=[[GTX_DEVICE]])
+        expect(failures, "forged", status, output, 245, ["gpuvet begin\n", "belongs to another user, nothing stored\n"],
+               [SECRET])
+        if open(forged, "rb").read() != forged_bytes or os.stat(forged).st_uid != NOBODY:
+            failures.append("forged: the planted file was touched")
     finally:
         machine.close()
 
