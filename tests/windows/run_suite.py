@@ -13,6 +13,7 @@ import contextlib
 import json
 import os
 import re
+import select
 import shutil
 import struct
 import subprocess
@@ -20,6 +21,8 @@ import sys
 import time
 
 FILE_SHARE_READ, FILE_SHARE_WRITE, FILE_SHARE_DELETE = 1, 2, 4
+SHARE_ALL = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE
+HOLD_WAIT_SECONDS = 30  # a bound for the harness, not a measurement
 WBEM_LOCATOR = "{4590F811-1D3A-11D0-891F-00AA004B2E24}"
 DISPLAY_CLASS = "{4d36e968-e325-11ce-bfc1-08002be10318}"
 
@@ -136,22 +139,23 @@ class Session:
             time.monotonic() - started
 
     @contextlib.contextmanager
-    def holding(self, *args):
-        """Another process of the machine holds files open (see hold_file.c) while the block runs; the lines it
-        wrote are in the list the block gets, once the block is done."""
-        holder = subprocess.Popen(["wine", self.suite.hold_file] + list(args), env=self.env, stdin=subprocess.PIPE,
-                                  stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-        lines = []
+    def holding(self, pattern, share, first=None):
+        """Another process of the machine (hold_file.c) opens and holds the files that match the pattern while the
+        block runs, the first one named before it starts; the block gets the list of the files it held."""
+        holder = subprocess.Popen(["wine", self.suite.hold_file, pattern, "%x" % share], env=self.env,
+                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        caught = []
         try:
-            line = holder.stdout.readline().decode().strip()  # never up to the end: the session keeps the pipe
-            if line not in ("held", "watching"):
-                raise RuntimeError("holding %s: %s" % (args, line))
-            yield lines
+            # Line by line, never up to the end: the session keeps the pipe open.
+            while first and "caught " + first not in caught:
+                if not select.select([holder.stdout], [], [], HOLD_WAIT_SECONDS)[0]:
+                    raise RuntimeError("%s was never held" % first)
+                caught.append(holder.stdout.readline().decode().strip())
+            yield caught
         finally:
             holder.stdin.write(b"\n")
             holder.stdin.close()
-            for line in iter(lambda: holder.stdout.readline().decode().strip(), "done"):
-                lines.append(line)
+            caught += iter(lambda: holder.stdout.readline().decode().strip(), "done")
             holder.wait(timeout=30)
 
     def close(self):
@@ -235,8 +239,6 @@ def session_machine(suite, failures):
         # one cut at the first character beyond U+00FF.
         for directory, given in [("dé", "C:\\dé"), ("cut", "C:\\cut\u0100more")]:
             os.makedirs(machine.drive_c(directory))
-            stale = machine.drive_c(directory + "/gpuvet.json.tmp-999999-1-0")
-            open(stale, "w").close()
             args = ["--gpu", "2", "--result", given]
             status, output, _ = machine.run(args, rows, icd=[[GTX_DEVICE]])
             # Path values are narrowed byte for byte: "é" is printed as the one byte 0xE9.
@@ -245,8 +247,6 @@ def session_machine(suite, failures):
                 "parse failed: %s [-1]\n" % path, "gpuvet end(ok)\n", '"checkResult": 0', "file:%s\n" % path])
             if not os.path.exists(machine.drive_c(directory + "/gpuvet.json")):
                 failures.append("no result file in " + directory)
-            if os.path.exists(stale):
-                failures.append("stale temporary file of a dead run left in " + directory)
             status, output, _ = machine.run(args, rows)
             expect(failures, "second run " + directory, status, output, 0, ["Find result in config. 0\n"],
                    ["gpuvet begin"])
@@ -351,18 +351,18 @@ def session_save(suite, failures):
             failures.append("replace: the file holds %r" % document)
 
         # A reader that lets others delete does not stop the replace; one that does not keeps the old file whole.
-        with machine.holding("C:\\r\\gpuvet.json", "%x" % (FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE)):
+        with machine.holding("C:\\r\\gpuvet.json", SHARE_ALL, "gpuvet.json"):
             save("537.3", "replace beside a sharing reader")
         if '"537.3"' not in open(target).read():
             failures.append("replace beside a sharing reader: the old content stands")
         before = open(target, "rb").read()
-        with machine.holding("C:\\r\\gpuvet.json", "%x" % FILE_SHARE_READ):
+        with machine.holding("C:\\r\\gpuvet.json", FILE_SHARE_READ, "gpuvet.json"):
             save("538.4", "replace beside a reader that does not share deletion")
         if open(target, "rb").read() != before:
             failures.append("replace beside a reader that does not share deletion: the file changed")
 
         # A reader that keeps trying never gets hold of a temporary file, which would hold up its replace.
-        with machine.holding("--catch", "C:\\r\\gpuvet.json.tmp-*") as caught:
+        with machine.holding("C:\\r\\gpuvet.json.tmp-*", FILE_SHARE_READ | FILE_SHARE_WRITE) as caught:
             for run in range(RACED_SAVES):
                 save("540.%d" % run, "save %d beside a reader that retries" % run)
         caught = [line for line in caught if line.split(" ", 1)[-1] not in PLANTED]
