@@ -132,7 +132,7 @@ INSTANTIATE_TEST_SUITE_P(
                     kGpu0, kStatusOk, "differs first in DriverVersion: item \"535.183.02\", device \"535.183.01\""},
         ExplainCase{"WhiteListMissByteOrder", "2018-01-01", {NvidiaDevice()}, {}, {Nvidia("9.0")}, kGpu0,
                     kStatusNotInWhiteList, "\"535.183.01\" of the device is below \"9.0\", compared byte by byte: "
-                                           "byte 1: '5' is below '9'"},
+                                           "byte 1: \"5\" is below \"9\""},
         ExplainCase{"WhiteListMissOnCase", "", {NvidiaDevice()}, {}, {CaseOf(NvidiaDevice())}, {},
                     kStatusNotInWhiteListOldDriver, "differs in case"},
         ExplainCase{"OldDriver", "2017-12-31", {NvidiaDevice()}, {}, {NvidiaDevice()}, kGpu0, kStatusOldDriver,
@@ -145,6 +145,46 @@ INSTANTIATE_TEST_SUITE_P(
         ExplainCase{"NoSuchAdapter", "", {NvidiaDevice()}, {}, {}, {"--gpu", "4"}, kStatusNoPlatform,
                     "adapter: none selected"}),
     [](const auto& info) { return std::string(info.param.name); });
+
+// explain reads gpuvet's command line with gpuvet's own pass: each form means
+// what it means to gpuvet and ends with gpuvet's status. "W" stands for a white
+// list that refuses the machine's device.
+TEST_F(ListsTest, ExplainReadsEveryCommandLineAsGpuvetDoes) {
+  DriverDated("2018-01-01");
+  Devices({NvidiaDevice()});
+  const std::string white = machine_.WriteFile("white.xml", ListFileText("WhiteList", {AmdDevice()}));
+  const struct {
+    std::vector<std::string> args;
+    int status;
+    std::string says;
+  } forms[] = {
+      {{"--GPU", "0", "--WhiteList", "W"}, kStatusNotInWhiteList, "command line: adapter 0"},
+      {{"--gpu", "0"}, kStatusOk, "white list: no --whitelist"},
+      {{"--blacklist", "--whitelist", "W", "--gpu", "0"}, kStatusNotInWhiteList, "black list \"--whitelist\""},
+      {{"--whitelist", "--blacklist", "W", "--gpu", "0"}, kStatusNotInWhiteList, "white list \"--blacklist\""},
+      {{"--help", "--gpu", "0", "--whitelist", "W"}, kStatusNotInWhiteList, "--help: gpuvet prints its usage"},
+      {{"--details", "--gpu", "0"}, kStatusOk, "--details: gpuvet prints the OpenCL census"},
+      {{"--gpu", "0", "--result"}, kStatusInvalidParameter, "_invalid_parameter"},
+      {{"--help", "--whitelist"}, kStatusInvalidParameter, "_invalid_parameter"},
+      {{"--gpu", "0", "--blacklist", std::string(2048, 'b')}, kStatusInvalidParameter, "longer than 2047 bytes"},
+      {{"--notest", "--gpu", "0"}, kStatusNoTest, "--notest: nothing is tested"},
+      {{"--whitelist", "W", "--recheck", "--gpu", "0"}, kStatusNotInWhiteList, "command line: no adapter named"},
+      {{"--gpu=0", "--whitelist", "W"}, kStatusNotInWhiteList, "no adapter named"},
+      {{"--gpu", "abc"}, kStatusOk, "adapter: adapter 0 \"GP104"},
+      {{"--gpu", "9"}, kStatusNoPlatform, "adapter: none selected"},
+  };
+  for (const auto& form : forms) {
+    std::vector<std::string> args = form.args;
+    std::replace(args.begin(), args.end(), std::string("W"), white);
+    std::vector<std::string> explain = args;
+    explain.insert(explain.begin(), "explain");
+    const RunResult explained = Lists(explain);
+    const std::string shown = ::testing::PrintToString(form.args).substr(0, 100);
+    EXPECT_EQ(machine_.RunGpuvet(args).status, form.status) << shown;
+    EXPECT_EQ(explained.status, form.status) << shown << "\n" << explained.out << explained.err;
+    EXPECT_THAT(explained.out, HasSubstr(form.says)) << shown;
+  }
+}
 
 // A stored verdict answers explain as it answers gpuvet; explain itself stores none.
 TEST_F(ListsTest, ExplainAnswersFromTheStore) {
