@@ -19,6 +19,14 @@ IcdDevice AmdDevice() {
   return device;
 }
 
+// A vendor without a PCI id: its vendor id is one that Khronos assigns.
+IcdDevice KhronosVendorDevice() {
+  IcdDevice device = NvidiaDevice();
+  device.vendorId = 0x10006;
+  device.name = "cpu-haswell";
+  return device;
+}
+
 class ListsTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -45,7 +53,7 @@ class ListsTest : public ::testing::Test {
 
 TEST_F(ListsTest, ItemsRoundTripThroughBothLists) {
   DriverDated("2018-01-01");
-  Devices({NvidiaDevice(), AmdDevice()});
+  Devices({NvidiaDevice(), AmdDevice(), KhronosVendorDevice()});
   for (const bool withGpu : {true, false}) {
     const std::vector<std::string> gpu = withGpu ? std::vector<std::string>{"--gpu", "0"} : std::vector<std::string>{};
     for (const auto& [kind, option, status] : {std::tuple{"--black", "--blacklist", kStatusInBlackList},
@@ -79,6 +87,7 @@ struct ExplainCase {
   std::vector<std::string> args;
   int status;
   std::string says;
+  std::string alsoSays = "";
 };
 
 void PrintTo(const ExplainCase& explainCase, std::ostream* out) { *out << explainCase.name; }
@@ -107,6 +116,7 @@ TEST_P(ExplainTest, EndsWithGpuvetsStatus) {
   EXPECT_EQ(gpuvet.status, param.status) << gpuvet.out;
   EXPECT_EQ(explained.status, gpuvet.status) << explained.out;
   EXPECT_THAT(explained.out, HasSubstr(param.says));
+  EXPECT_THAT(explained.out, HasSubstr(param.alsoSays));
   EXPECT_EQ(explained.out.find("gpuvet begin"), std::string::npos) << "gpuvet's log in the explanation";
 }
 
@@ -134,7 +144,7 @@ INSTANTIATE_TEST_SUITE_P(
                     kStatusNotInWhiteList, "\"535.183.01\" of the device is below \"9.0\", compared byte by byte: "
                                            "byte 1: \"5\" is below \"9\""},
         ExplainCase{"WhiteListMissOnCase", "", {NvidiaDevice()}, {}, {CaseOf(NvidiaDevice())}, {},
-                    kStatusNotInWhiteListOldDriver, "differs in case"},
+                    kStatusNotInWhiteListOldDriver, "differs in case", "white list: miss: the device is not admitted"},
         ExplainCase{"OldDriver", "2017-12-31", {NvidiaDevice()}, {}, {NvidiaDevice()}, kGpu0, kStatusOldDriver,
                     "driver date: old"},
         ExplainCase{"Passes", "2018-01-01", {NvidiaDevice()}, {AmdDevice()}, {NvidiaDevice()}, {}, kStatusOk,

@@ -5,39 +5,47 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstdio>
 #include <cstring>
-#include <fstream>
+#include <iterator>
+#include <limits>
 #include <map>
 #include <memory>
-#include <sstream>
+#include <string_view>
+#include <unordered_set>
 #include <utility>
 
-#include "lists/node_places.h"
+#include "lists/node_columns.h"
 #include "lists/text_compare.h"
+#include "lists/volatile_name.h"
 #include "opencl/cl_device_key.h"
+#include "platform/named_file.h"
 #include "platform/pci_ids.h"
+#include "platform/runtime_text.h"
 #include "verdict/list_file.h"
 #include "verdict/white_list.h"
 
 namespace gpuvet::lists {
 namespace {
 
-constexpr std::array<const char*, 5> kFields = {"VID", "DeviceName", "OpenCLCVersion", "DeviceVersion",
-                                                "DriverVersion"};
-constexpr std::array<const char*, 3> kVersionFields = {"OpenCLCVersion", "DeviceVersion", "DriverVersion"};
-constexpr unsigned long kMaxVendorId = 65535;
+constexpr uint32_t kHighestPciVendorId = 0xffff;
+// Vendors without a PCI id get theirs from Khronos, from 0x10000 on.
+constexpr uint32_t kHighestKhronosVendorId = 0x1ffff;
+// Element names are compared with the field names on this many bytes at most.
+constexpr std::size_t kComparedNameBytes = 64;
+constexpr const char* kBlanks = " \t\r\n";
 
 bool IsSpace(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
 
-bool AllOf(const std::string& text, int (*test)(int)) {
+bool AllOf(std::string_view text, int (*test)(int)) {
   return !text.empty() &&
          std::all_of(text.begin(), text.end(), [test](char c) { return test(static_cast<unsigned char>(c)) != 0; });
 }
 
-const std::string& VersionOf(const ClDeviceKey& key, const std::string& field) {
-  if (field == "OpenCLCVersion") return key.OpenCLCVersion;
-  if (field == "DeviceVersion") return key.DeviceVersion;
-  return key.DriverVersion;
+std::string Hex(uint64_t value) {
+  char text[24];
+  std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(value));
+  return text;
 }
 
 // What gpuvet does with a list it reads no item from.
@@ -50,44 +58,51 @@ std::string NothingRead(ListKind kind) {
   return "a black list lets every device pass, a white list refuses every device";
 }
 
-struct ReadItemAt {
+std::string Element(const char* name) { return "element " + Quoted(name); }
+
+struct ItemRead {
   const tinyxml2::XMLElement* element;
   ClDeviceKey key;
 };
 
+// "one more ..." / "N more ...", for the rest of a group reported once.
+std::string More(std::size_t count, const std::string& what) {
+  return count == 0 ? "" : "; " + std::to_string(count) + " more " + what;
+}
+
 class Linter {
  public:
   Linter(std::string path, const std::string& text, const tinyxml2::XMLDocument& document, ListKind expected)
-      : path_(std::move(path)), places_(text, document), document_(document), kind_(expected) {}
+      : path_(std::move(path)), text_(text), document_(document), kind_(expected) {}
 
   std::vector<Finding> Run() {
     const tinyxml2::XMLElement* root = document_.FirstChildElement();
     if (root == nullptr) {
       Add(nullptr, Severity::kError, "root", "no root element: gpuvet reads no item; " + NothingRead(kind_));
-      return Sorted();
+      return Placed();
     }
     if (!CheckRoot(*root)) {
-      return Sorted();
+      return Placed();
     }
     const tinyxml2::XMLElement* first = FirstItem(*root);
     if (first == nullptr) {
       const bool white = kind_ == ListKind::kWhite;
       Add(root, white ? Severity::kError : Severity::kWarning, "no-items",
           std::string("no <Item> under the root: ") + NothingRead(kind_));
-      return Sorted();
+      return Placed();
     }
-    std::vector<ReadItemAt> items;
+    std::vector<ItemRead> items;
     const tinyxml2::XMLElement* last = first;
     for (const tinyxml2::XMLElement* item = first; item != nullptr; item = NextItem(*item)) {
       items.push_back({item, ReadItem(*item)});
       last = item;
     }
     CheckListEnd(*last);
-    for (const ReadItemAt& item : items) {
-      CheckItem(*item.element, item.key);
+    for (const ItemRead& item : items) {
+      CheckItem(item);
     }
-    CheckPairs(items);
-    return Sorted();
+    CheckDevices(items);
+    return Placed();
   }
 
  private:
@@ -98,13 +113,13 @@ class Linter {
                                                        : ListKind::kEither;
     if (rootKind == ListKind::kEither) {
       Add(&root, Severity::kError, "root",
-          "root element <" + name + "> is neither <BlackList> nor <WhiteList>: gpuvet reads no item; " +
+          "root " + Element(root.Value()) + " is neither <BlackList> nor <WhiteList>: gpuvet reads no item; " +
               NothingRead(kind_));
       return false;
     }
     if (kind_ != ListKind::kEither && kind_ != rootKind) {
       Add(&root, Severity::kError, "root",
-          "root element <" + name + "> where a " + (kind_ == ListKind::kBlack ? "black" : "white") +
+          "root <" + name + "> where a " + (kind_ == ListKind::kBlack ? "black" : "white") +
               " list is expected: gpuvet reads no item; " + NothingRead(kind_));
       return false;
     }
@@ -130,166 +145,274 @@ class Linter {
     }
   }
 
-  void CheckItem(const tinyxml2::XMLElement& item, const ClDeviceKey& key) {
-    if (std::strcmp(item.Value(), kItemElement) != 0) {
-      Add(&item, Severity::kWarning, "not-item",
-          std::string("<") + item.Value() + "> after the first <Item> is read as an item all the same");
+  // One walk over the item's children finds each field's element, as the
+  // reading does: the first of its name.
+  void CheckItem(const ItemRead& item) {
+    if (std::strcmp(item.element->Value(), kItemElement) != 0) {
+      Add(item.element, Severity::kWarning, "not-item",
+          Element(item.element->Value()) + " after the first <Item> is read as an item all the same");
     }
-    for (const char* field : kFields) {
-      const tinyxml2::XMLElement* element = item.FirstChildElement(field);
-      const std::string text = FieldText(item, field);
-      if (text.empty()) {
-        CheckMissing(element != nullptr ? *element : static_cast<const tinyxml2::XMLNode&>(item), field,
-                     element != nullptr);
-      } else if (std::strcmp(field, "VID") == 0) {
-        CheckVid(*element, text, key.VID);
-      } else if (IsSpace(text.front()) || IsSpace(text.back())) {
-        const char* where = IsSpace(text.front()) && IsSpace(text.back()) ? "both ends"
-                            : IsSpace(text.front())                       ? "its start"
-                                                                          : "its end";
-        Add(element, Severity::kError, "padded",
-            std::string("<") + field + "> " + Quoted(text) + " has white space at " + where +
-                ": gpuvet compares it byte for byte with the device's trimmed text");
+    std::array<const tinyxml2::XMLElement*, kKeyFields.size()> fields{};
+    for (const tinyxml2::XMLElement* child = item.element->FirstChildElement(); child != nullptr;
+         child = child->NextSiblingElement()) {
+      const auto field = std::find_if(kKeyFields.begin(), kKeyFields.end(),
+                                      [child](const KeyField& f) { return std::strcmp(f.name, child->Value()) == 0; });
+      if (field == kKeyFields.end()) {
+        CheckUnknownField(*child);
+      } else if (fields[static_cast<std::size_t>(field - kKeyFields.begin())] == nullptr) {
+        fields[static_cast<std::size_t>(field - kKeyFields.begin())] = child;
       }
     }
-    for (const tinyxml2::XMLElement* child = item.FirstChildElement(); child != nullptr;
-         child = child->NextSiblingElement()) {
-      CheckKnownField(*child);
+    for (std::size_t i = 0; i < kKeyFields.size(); ++i) {
+      CheckField(*item.element, fields[i], i, item.key);
     }
   }
 
-  void CheckMissing(const tinyxml2::XMLNode& at, const std::string& field, bool present) {
-    const bool version = field != "VID" && field != "DeviceName";
-    const bool widens = kind_ == ListKind::kWhite && version;
+  void CheckField(const tinyxml2::XMLElement& item, const tinyxml2::XMLElement* element, std::size_t index,
+                  const ClDeviceKey& key) {
+    const KeyField& field = kKeyFields[index];
+    const std::string_view text = ElementText(element);
+    if (text.empty()) {
+      CheckMissing(element != nullptr ? *element : static_cast<const tinyxml2::XMLNode&>(item), index,
+                   element != nullptr);
+      return;
+    }
+    if (field.text == nullptr) {
+      CheckVid(*element, text, key.VID);
+      return;
+    }
+    if (IsSpace(text.front()) || IsSpace(text.back())) {
+      const char* where = IsSpace(text.front()) && IsSpace(text.back()) ? "both ends"
+                          : IsSpace(text.front())                       ? "its start"
+                                                                        : "its end";
+      Add(element, Severity::kError, "padded",
+          std::string("<") + field.name + "> " + Quoted(std::string(text)) + " has white space at " + where +
+              ": gpuvet compares it byte for byte with the device's trimmed text");
+    }
+    if (field.text == &ClDeviceKey::DeviceName) {
+      const std::string part = VolatileNamePart(key.DeviceName);
+      if (!part.empty()) {
+        Add(element, Severity::kWarning, "volatile-name",
+            "<DeviceName> carries the driver stack's version " + Quoted(part) +
+                ": the device's name changes with the next update of the stack, and the item then names no device");
+      }
+    }
+  }
+
+  void CheckMissing(const tinyxml2::XMLNode& at, std::size_t index, bool present) {
+    const std::string field = kKeyFields[index].name;
+    const bool widens = kind_ == ListKind::kWhite && index >= kFirstVersionField;
     const std::string what = present ? "<" + field + "> has no text" : "no <" + field + ">";
-    const std::string reads = field == "VID" ? "0" : "the empty text";
+    const std::string reads = kKeyFields[index].text == nullptr ? "0" : "the empty text";
     Add(&at, widens ? Severity::kWarning : Severity::kError, "missing-field",
         what + ": gpuvet reads " + reads +
             (widens ? ", and an empty minimum admits every version" : ", and the item can never match"));
   }
 
-  void CheckVid(const tinyxml2::XMLElement& element, const std::string& text, uint32_t read) {
-    const std::size_t first = text.find_first_not_of(" \t\r\n");
-    const std::string trimmed = text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
-    if (AllOf(trimmed, ::isdigit) && trimmed.size() <= 5 && std::stoul(trimmed) <= kMaxVendorId) {
-      const auto vendor = static_cast<uint32_t>(std::stoul(trimmed));
-      if (!platform::IsKnownVendor(vendor)) {
-        std::ostringstream hex;
-        hex << std::hex << vendor;
-        Add(&element, Severity::kWarning, "vid-unknown",
-            "vendor id " + trimmed + " (0x" + hex.str() + ") is not in the PCI ID database");
-      }
+  // gpuvet reads a decimal number; an error only where what it reads is not
+  // what the text says.
+  void CheckVid(const tinyxml2::XMLElement& element, std::string_view text, uint32_t read) {
+    const std::size_t first = text.find_first_not_of(kBlanks);
+    const std::string_view trimmed =
+        first == std::string_view::npos ? std::string_view() : text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
+    std::string_view digits = trimmed.substr(!trimmed.empty() && trimmed[0] == '+' ? 1 : 0);
+    const std::size_t significant = std::min(digits.find_first_not_of('0'), digits.size() - 1);
+    const bool exact = AllOf(digits, ::isdigit) && digits.substr(significant) == std::to_string(read) &&
+                       read <= static_cast<uint32_t>(std::numeric_limits<int32_t>::max());
+    if (exact) {
+      CheckVendorKnown(element, read);
       return;
     }
     const bool prefixed = trimmed.size() > 2 && trimmed[0] == '0' && (trimmed[1] == 'x' || trimmed[1] == 'X');
-    const std::string digits = prefixed ? trimmed.substr(2) : trimmed;
-    std::string message = "<VID> " + Quoted(text) + " is not a decimal number from 0 to 65535: gpuvet reads " +
+    digits = prefixed ? trimmed.substr(2) : trimmed;
+    std::string message = "<VID> " + Quoted(std::string(text)) + " is not a decimal vendor id: gpuvet reads " +
                           std::to_string(static_cast<int32_t>(read));
-    if (AllOf(digits, ::isxdigit) && digits.size() <= 4 && (prefixed || !AllOf(digits, ::isdigit))) {
-      message += "; for the hexadecimal 0x" + digits + " write " + std::to_string(std::stoul(digits, nullptr, 16));
+    if (AllOf(digits, ::isxdigit) && digits.size() <= 8 && (prefixed || !AllOf(digits, ::isdigit))) {
+      const uint64_t value = std::stoull(std::string(digits), nullptr, 16);
+      message += "; for the hexadecimal " + Hex(value) + " write " + std::to_string(value);
     }
     Add(&element, Severity::kError, "vid", message);
   }
 
-  void CheckKnownField(const tinyxml2::XMLElement& child) {
-    const std::string name = child.Value();
-    if (std::find(kFields.begin(), kFields.end(), name) != kFields.end()) {
-      return;
+  void CheckVendorKnown(const tinyxml2::XMLElement& element, uint32_t vendor) {
+    if (vendor <= kHighestPciVendorId && !platform::IsKnownVendor(vendor)) {
+      Add(&element, Severity::kWarning, "vid-unknown",
+          "vendor id " + std::to_string(vendor) + " (" + Hex(vendor) + ") is not in the PCI ID database");
+    } else if (vendor > kHighestKhronosVendorId) {
+      Add(&element, Severity::kWarning, "vid-unknown",
+          "vendor id " + std::to_string(vendor) + " (" + Hex(vendor) +
+              ") is neither a PCI vendor id nor one that Khronos assigns");
     }
-    const auto nearest = std::min_element(kFields.begin(), kFields.end(), [&name](const char* a, const char* b) {
-      return EditDistance(name, a) < EditDistance(name, b);
+  }
+
+  void CheckUnknownField(const tinyxml2::XMLElement& child) {
+    const std::string name = std::string(child.Value()).substr(0, kComparedNameBytes);
+    const auto nearest = std::min_element(kKeyFields.begin(), kKeyFields.end(), [&name](const KeyField& a, const KeyField& b) {
+      return EditDistance(name, a.name) < EditDistance(name, b.name);
     });
     Add(&child, Severity::kWarning, "unknown-field",
-        "<" + name + "> is not a field and is not read: did you mean <" + *nearest + ">?");
+        Element(child.Value()) + " is not a field and is not read: did you mean <" + nearest->name + ">?");
   }
 
-  // Items of one device, compared with the earlier ones of the same device.
-  void CheckPairs(const std::vector<ReadItemAt>& items) {
-    std::map<std::pair<uint32_t, std::string>, std::vector<const ReadItemAt*>> byDevice;
-    for (const ReadItemAt& item : items) {
-      std::vector<const ReadItemAt*>& earlier = byDevice[{item.key.VID, item.key.DeviceName}];
-      CheckAgainstEarlier(item, earlier);
-      earlier.push_back(&item);
+  // The items of each device side by side: sorted once by key, with the file
+  // order kept among equal keys, so each device is one run and its repeats
+  // stand together. Each finding covers a group, so the work and the output
+  // grow with the list, never with its pairs.
+  void CheckDevices(const std::vector<ItemRead>& items) {
+    std::vector<const ItemRead*> sorted;
+    sorted.reserve(items.size());
+    for (const ItemRead& item : items) {
+      sorted.push_back(&item);
+    }
+    std::stable_sort(sorted.begin(), sorted.end(),
+                     [](const ItemRead* a, const ItemRead* b) { return ClDeviceKeyLess(a->key, b->key); });
+    for (std::size_t begin = 0; begin < sorted.size();) {
+      std::size_t end = begin + 1;
+      while (end < sorted.size() && sorted[end]->key.VID == sorted[begin]->key.VID &&
+             sorted[end]->key.DeviceName == sorted[begin]->key.DeviceName) {
+        ++end;
+      }
+      const std::vector<const ItemRead*> device(sorted.begin() + static_cast<std::ptrdiff_t>(begin),
+                                                sorted.begin() + static_cast<std::ptrdiff_t>(end));
+      const std::vector<const ItemRead*> distinct = CheckDuplicates(device);
+      if (kind_ == ListKind::kWhite) {
+        for (std::size_t field = kFirstVersionField; field < kKeyFields.size(); ++field) {
+          CheckVersionOrder(distinct, kKeyFields[field]);
+        }
+        CheckShadowed(distinct);
+      }
+      begin = end;
     }
   }
 
-  void CheckAgainstEarlier(const ReadItemAt& item, const std::vector<const ReadItemAt*>& earlier) {
-    for (const ReadItemAt* before : earlier) {
-      if (ClDeviceKeyEqual(before->key, item.key)) {
-        Add(item.element, Severity::kWarning, "duplicate",
-            "the same item as at line " + Line(*before->element) + ": gpuvet counts it once");
-        return;
+  // One finding per repeated item; gives the first of each.
+  std::vector<const ItemRead*> CheckDuplicates(const std::vector<const ItemRead*>& device) {
+    std::vector<const ItemRead*> distinct;
+    for (std::size_t begin = 0; begin < device.size();) {
+      std::size_t end = begin + 1;
+      while (end < device.size() && ClDeviceKeyEqual(device[end]->key, device[begin]->key)) {
+        ++end;
+      }
+      distinct.push_back(device[begin]);
+      if (end - begin > 1) {
+        Add(device[begin + 1]->element, Severity::kWarning, "duplicate",
+            "the same item as at line " + Line(*device[begin]->element) + ": gpuvet counts it once" +
+                More(end - begin - 2, "repeats of it follow"));
+      }
+      begin = end;
+    }
+    return distinct;
+  }
+
+  // The values of one version field of a device, in byte order, against their
+  // order as numbers: where two neighbours disagree, the author's order is not
+  // gpuvet's.
+  void CheckVersionOrder(const std::vector<const ItemRead*>& device, const KeyField& field) {
+    std::vector<const ItemRead*> byValue = device;
+    std::stable_sort(byValue.begin(), byValue.end(), [&field](const ItemRead* a, const ItemRead* b) {
+      return StringLess(a->key.*field.text, b->key.*field.text);
+    });
+    std::size_t disagreements = 0;
+    const ItemRead* lower = nullptr;
+    const ItemRead* higher = nullptr;
+    for (std::size_t i = 0; i + 1 < byValue.size(); ++i) {
+      if (CompareAsNumbers(byValue[i]->key.*field.text, byValue[i + 1]->key.*field.text) > 0 &&
+          disagreements++ == 0) {
+        lower = byValue[i];
+        higher = byValue[i + 1];
       }
     }
-    if (kind_ != ListKind::kWhite) {
+    if (disagreements == 0) {
       return;
     }
-    for (const ReadItemAt* before : earlier) {
-      for (const char* field : kVersionFields) {
-        CheckVersionOrder(item, *before, field);
-      }
-    }
-    for (const ReadItemAt* before : earlier) {
-      if (Admits(before->key, item.key)) {
-        Add(item.element, Severity::kWarning, "shadowed",
-            "admits nothing that the item at line " + Line(*before->element) +
-                " does not already admit: its versions are each at least that item's");
-        return;
-      }
-    }
+    const bool lowerLater = lower->element->GetLineNum() > higher->element->GetLineNum();
+    const ItemRead& mine = lowerLater ? *lower : *higher;
+    const ItemRead& theirs = lowerLater ? *higher : *lower;
+    Add(mine.element, Severity::kWarning, "version-order",
+        std::string("<") + field.name + "> " + Quoted(mine.key.*field.text) + " and " +
+            Quoted(theirs.key.*field.text) + " of the item at line " + Line(*theirs.element) +
+            " order one way as numbers and the other byte by byte: gpuvet takes " +
+            Quoted(higher->key.*field.text) + " as the higher" +
+            More(disagreements - 1, "such pairs among this device's items"));
   }
 
-  void CheckVersionOrder(const ReadItemAt& item, const ReadItemAt& before, const std::string& field) {
-    const std::string& mine = VersionOf(item.key, field);
-    const std::string& theirs = VersionOf(before.key, field);
-    const int asNumbers = CompareAsNumbers(mine, theirs);
-    const bool opposite = (asNumbers < 0 && StringLess(theirs, mine)) || (asNumbers > 0 && StringLess(mine, theirs));
-    if (opposite) {
-      const std::string& higher = StringLess(mine, theirs) ? theirs : mine;
-      Add(item.element, Severity::kWarning, "version-order",
-          "<" + field + "> " + Quoted(mine) + " and " + Quoted(theirs) + " of the item at line " +
-              Line(*before.element) + " order one way as numbers and the other byte by byte: gpuvet takes " +
-              Quoted(higher) + " as the higher");
+  // An item whose three minimums are each at least another item's admits
+  // nothing more. The items come in key order, so whatever covers an item
+  // comes before it; a staircase of the other two versions seen so far answers
+  // whether one does.
+  void CheckShadowed(const std::vector<const ItemRead*>& device) {
+    struct Step {
+      std::string_view driverVersion;
+      const ItemRead* item;
+    };
+    const auto byteLess = [](std::string_view a, std::string_view b) { return a < b; };
+    std::map<std::string_view, Step, decltype(byteLess)> stairs(byteLess);  // by DeviceVersion
+    std::vector<std::pair<const ItemRead*, const ItemRead*>> shadowed;      // item, covered by
+    for (const ItemRead* item : device) {
+      const std::string_view deviceVersion = item->key.DeviceVersion;
+      const std::string_view driverVersion = item->key.DriverVersion;
+      auto at = stairs.upper_bound(deviceVersion);
+      if (at != stairs.begin() && std::prev(at)->second.driverVersion <= driverVersion) {
+        shadowed.emplace_back(item, std::prev(at)->second.item);
+        continue;
+      }
+      at = stairs.lower_bound(deviceVersion);
+      while (at != stairs.end() && at->second.driverVersion >= driverVersion) {
+        at = stairs.erase(at);
+      }
+      stairs.emplace(deviceVersion, Step{driverVersion, item});
     }
+    if (shadowed.empty()) {
+      return;
+    }
+    const auto first = std::min_element(shadowed.begin(), shadowed.end(), [](const auto& a, const auto& b) {
+      return a.first->element->GetLineNum() < b.first->element->GetLineNum();
+    });
+    Add(first->first->element, Severity::kWarning, "shadowed",
+        "admits nothing that the item at line " + Line(*first->second->element) +
+            " does not already admit: its versions are each at least that item's" +
+            More(shadowed.size() - 1, "items of this device are shadowed likewise"));
   }
 
-  std::string Line(const tinyxml2::XMLNode& node) const { return std::to_string(places_.Of(node).line); }
+  static std::string Line(const tinyxml2::XMLNode& node) { return std::to_string(node.GetLineNum()); }
 
   void Add(const tinyxml2::XMLNode* node, Severity severity, const std::string& check, const std::string& message) {
-    const Place place = node != nullptr ? places_.Of(*node) : Place{};
-    findings_.push_back({path_, place.line, place.column, severity, check, message});
+    findings_.push_back({path_, node != nullptr ? node->GetLineNum() : 1, 1, severity, check, message});
+    nodes_.push_back(node);
   }
 
-  std::vector<Finding> Sorted() {
+  // The findings with their columns, in the order of the file.
+  std::vector<Finding> Placed() {
+    const std::unordered_set<const tinyxml2::XMLNode*> wanted(nodes_.begin(), nodes_.end());
+    const NodeColumns columns(text_, document_, wanted);
+    for (std::size_t i = 0; i < findings_.size(); ++i) {
+      findings_[i].column = nodes_[i] != nullptr ? columns.Of(*nodes_[i]) : 1;
+    }
     std::stable_sort(findings_.begin(), findings_.end(), [](const Finding& a, const Finding& b) {
       return std::make_pair(a.line, a.column) < std::make_pair(b.line, b.column);
     });
-    return findings_;
+    return std::move(findings_);
   }
 
   std::string path_;
-  NodePlaces places_;
+  const std::string& text_;
   const tinyxml2::XMLDocument& document_;
   ListKind kind_;
   std::vector<Finding> findings_;
+  std::vector<const tinyxml2::XMLNode*> nodes_;
 };
-
-bool IsOpenFailure(tinyxml2::XMLError error) {
-  return error == tinyxml2::XML_ERROR_FILE_NOT_FOUND || error == tinyxml2::XML_ERROR_FILE_COULD_NOT_BE_OPENED ||
-         error == tinyxml2::XML_ERROR_FILE_READ_ERROR;
-}
 
 }  // namespace
 
 LintResult LintListFile(const std::string& path, ListKind expected) {
   LintResult result;
-  const std::unique_ptr<tinyxml2::XMLDocument> document = NewListDocument();
-  const tinyxml2::XMLError error = document->LoadFile(path.c_str());
-  if (IsOpenFailure(error)) {
-    result.openError = document->ErrorName();
+  std::string text;
+  if (!platform::ReadNamedFile(path, text, result.openError)) {
     return result;
   }
   result.opened = true;
+  const std::unique_ptr<tinyxml2::XMLDocument> document = NewListDocument();
+  const tinyxml2::XMLError error = document->Parse(text.data(), text.size());
   if (error != tinyxml2::XML_SUCCESS) {
     const std::string what = error == tinyxml2::XML_ERROR_EMPTY_DOCUMENT
                                  ? std::string("empty file")
@@ -298,10 +421,7 @@ LintResult LintListFile(const std::string& path, ListKind expected) {
                                what + ": gpuvet reads no item; " + NothingRead(expected)});
     return result;
   }
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream text;
-  text << file.rdbuf();
-  result.findings = Linter(path, text.str(), *document, expected).Run();
+  result.findings = Linter(path, text, *document, expected).Run();
   return result;
 }
 

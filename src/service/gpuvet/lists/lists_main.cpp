@@ -1,6 +1,8 @@
 #include "lists/lists_main.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -8,6 +10,7 @@
 #include "lists/explain.h"
 #include "lists/items.h"
 #include "lists/lint.h"
+#include "lists/text_compare.h"
 #include "platform/runtime_text.h"
 
 namespace gpuvet::lists {
@@ -16,7 +19,7 @@ namespace {
 constexpr int kUsageStatus = 3;
 
 constexpr const char* kUsage =
-    "usage: gpuvet-lists lint [--black | --white] [--format text|json] FILE...\n"
+    "usage: gpuvet-lists lint [--black | --white] [--format text|json] FILE... (- for standard input)\n"
     "       gpuvet-lists items [--gpu N] [--white | --black]\n"
     "       gpuvet-lists explain [--format text|json] [GPUVET-ARGUMENTS...]\n";
 
@@ -60,7 +63,7 @@ int Lint(Arguments args) {
       kind = arg == "--black" ? ListKind::kBlack : ListKind::kWhite;
     } else if (arg == "--format") {
       if (!ReadFormat(args, json)) return Usage("--format takes text or json");
-    } else if (arg.size() > 1 && arg[0] == '-') {
+    } else if (arg.size() > 1 && arg[0] == '-') {  // "-" alone is standard input
       return Usage("unknown option " + arg);
     } else {
       files.push_back(arg);
@@ -68,24 +71,31 @@ int Lint(Arguments args) {
   }
   if (files.empty()) return Usage("lint needs a file");
 
-  std::vector<Finding> findings;
+  // Each file's findings go out as soon as it is linted; JSON needs them all.
+  std::vector<Finding> all;
+  int status = 0;
   bool unopened = false;
   for (const std::string& file : files) {
     LintResult result = LintListFile(file, kind);
     if (!result.opened) {
-      std::fprintf(stderr, "%s: can't be read: %s\n", file.c_str(), result.openError.c_str());
+      std::fprintf(stderr, "%s: can't be read: %s\n", Quoted(file).c_str(), result.openError.c_str());
       unopened = true;
+      continue;
     }
-    findings.insert(findings.end(), result.findings.begin(), result.findings.end());
-  }
-  if (json) {
-    std::printf("%s\n", FindingsJson(findings).c_str());
-  } else {
-    for (const Finding& finding : findings) {
+    status = std::max(status, FindingsStatus(result.findings));
+    if (json) {
+      all.insert(all.end(), std::make_move_iterator(result.findings.begin()),
+                 std::make_move_iterator(result.findings.end()));
+      continue;
+    }
+    for (const Finding& finding : result.findings) {
       std::printf("%s\n", FormatFinding(finding).c_str());
     }
   }
-  return unopened ? kUsageStatus : FindingsStatus(findings);
+  if (json) {
+    std::printf("%s\n", FindingsJson(all).c_str());
+  }
+  return unopened ? kUsageStatus : status;
 }
 
 int Items(Arguments args) {

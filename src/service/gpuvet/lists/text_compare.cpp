@@ -28,6 +28,41 @@ int CompareNumberRuns(std::string a, std::string b) {
   return a.compare(b);
 }
 
+// The length of the well-formed UTF-8 sequence at `at`, or 0 when the byte
+// there starts none (a stray continuation, an overlong form, a surrogate, a
+// value past U+10FFFF, a sequence cut short).
+std::size_t Utf8SequenceLength(const std::string& text, std::size_t at) {
+  const auto byte = [&text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  const unsigned char lead = byte(at);
+  if (lead < 0x80) return 1;
+  const std::size_t length = lead >= 0xc2 && lead <= 0xdf ? 2 : lead >= 0xe0 && lead <= 0xef ? 3
+                             : lead >= 0xf0 && lead <= 0xf4                                 ? 4
+                                                                                            : 0;
+  if (length == 0 || at + length > text.size()) return 0;
+  for (std::size_t i = 1; i < length; ++i) {
+    if ((byte(at + i) & 0xc0) != 0x80) return 0;
+  }
+  const unsigned char second = byte(at + 1);
+  const bool overlongOrBeyond = (lead == 0xe0 && second < 0xa0) || (lead == 0xf0 && second < 0x90) ||
+                                (lead == 0xf4 && second > 0x8f) || (lead == 0xed && second > 0x9f);
+  return overlongOrBeyond ? 0 : length;
+}
+
+char32_t DecodeUtf8(const std::string& text, std::size_t at, std::size_t length) {
+  static constexpr unsigned char kLeadMask[] = {0, 0x7f, 0x1f, 0x0f, 0x07};
+  char32_t value = static_cast<unsigned char>(text[at]) & kLeadMask[length];
+  for (std::size_t i = 1; i < length; ++i) {
+    value = (value << 6) | (static_cast<unsigned char>(text[at + i]) & 0x3f);
+  }
+  return value;
+}
+
+// What a terminal acts on rather than shows, or shows in another order.
+bool IsControlOrTurn(char32_t c) {
+  return c < 0x20 || (c >= 0x7f && c <= 0x9f) || (c >= 0x202a && c <= 0x202e) || (c >= 0x2066 && c <= 0x2069) ||
+         c == 0x200e || c == 0x200f || c == 0x061c;
+}
+
 }  // namespace
 
 std::size_t EditDistance(const std::string& a, const std::string& b) {
@@ -72,17 +107,27 @@ std::size_t TurningByte(const std::string& a, const std::string& b) {
   return static_cast<std::size_t>(std::mismatch(a.begin(), a.begin() + common, b.begin()).first - a.begin());
 }
 
+// Control characters, C0 and C1 (a one-byte CSI is U+009B), the marks that turn
+// the direction of text, and bytes that are not UTF-8 are written as \xNN, one
+// per byte; the quote and the backslash are escaped, so the text reads back whole.
 std::string Quoted(const std::string& text) {
   std::string quoted = "\"";
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7f) {
-      char escaped[8];
-      std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
-      quoted += escaped;
-    } else {
-      quoted += c;
+  std::size_t at = 0;
+  while (at < text.size()) {
+    const std::size_t length = Utf8SequenceLength(text, at);
+    const bool shown = length > 0 && !IsControlOrTurn(DecodeUtf8(text, at, length));
+    if (shown && (text[at] == '"' || text[at] == '\\')) {
+      quoted += '\\';
     }
+    if (shown) {
+      quoted.append(text, at, length);
+    }
+    for (std::size_t i = 0; !shown && i < std::max<std::size_t>(length, 1); ++i) {
+      char escaped[8];
+      std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned char>(text[at + i]));
+      quoted += escaped;
+    }
+    at += std::max<std::size_t>(length, 1);
   }
   return quoted + "\"";
 }

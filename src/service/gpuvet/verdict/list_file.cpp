@@ -65,7 +65,10 @@ std::string FieldValue(const ClDeviceKey& key, const KeyField& field) {
 }
 
 const char* FieldText(const tinyxml2::XMLElement& item, const char* fieldName) {
-  const tinyxml2::XMLElement* field = item.FirstChildElement(fieldName);
+  return ElementText(item.FirstChildElement(fieldName));
+}
+
+const char* ElementText(const tinyxml2::XMLElement* field) {
   const tinyxml2::XMLNode* first = field == nullptr ? nullptr : field->FirstChild();
   const tinyxml2::XMLText* text = first == nullptr ? nullptr : first->ToText();
   return text == nullptr ? "" : text->Value();

@@ -79,5 +79,7 @@ ClDeviceKey ReadItem(const tinyxml2::XMLElement& item);
 // The text of a field element: its first child node, when that node is a text
 // (CDATA included). Empty, the fresh value, when there is no such element or text.
 const char* FieldText(const tinyxml2::XMLElement& item, const char* fieldName);
+// The text of one field element, by the same rule; empty for no element.
+const char* ElementText(const tinyxml2::XMLElement* field);
 
 }  // namespace gpuvet
