@@ -7,11 +7,14 @@
 #include <cctype>
 #include <cstdio>
 #include <cstring>
+#include <deque>
+#include <functional>
 #include <iterator>
 #include <limits>
 #include <map>
 #include <memory>
 #include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 #include <utility>
 
@@ -23,7 +26,6 @@
 #include "platform/pci_ids.h"
 #include "platform/runtime_text.h"
 #include "verdict/list_file.h"
-#include "verdict/white_list.h"
 
 namespace gpuvet::lists {
 namespace {
@@ -34,6 +36,14 @@ constexpr uint32_t kHighestKhronosVendorId = 0x1ffff;
 // Element names are compared with the field names on this many bytes at most.
 constexpr std::size_t kComparedNameBytes = 64;
 constexpr const char* kBlanks = " \t\r\n";
+// The shadowed check walks the items in key order, which puts OpenCLCVersion
+// first; these two are the other minimums.
+constexpr std::size_t kDeviceVersionField = 3;
+constexpr std::size_t kDriverVersionField = 4;
+// Up to this many items of one device are compared pair by pair.
+constexpr std::size_t kFewItems = 16;
+static_assert(kKeyFields[kDeviceVersionField].text == &ClDeviceKey::DeviceVersion &&
+              kKeyFields[kDriverVersionField].text == &ClDeviceKey::DriverVersion);
 
 bool IsSpace(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
 
@@ -60,9 +70,24 @@ std::string NothingRead(ListKind kind) {
 
 std::string Element(const char* name) { return "element " + Quoted(name); }
 
+// An item as gpuvet reads it, its texts seen in place in the document:
+// texts[i] is the text of kKeyFields[i].
 struct ItemRead {
-  const tinyxml2::XMLElement* element;
-  ClDeviceKey key;
+  const tinyxml2::XMLElement* element = nullptr;
+  uint32_t vid = 0;
+  std::array<std::string_view, kKeyFields.size()> texts;
+
+  std::string_view Name() const { return texts[1]; }
+  bool SameDevice(const ItemRead& other) const { return vid == other.vid && Name() == other.Name(); }
+  // The order and equality of gpuvet's keys: VID, then each text byte by byte.
+  bool KeyLess(const ItemRead& other) const {
+    return vid != other.vid ? vid < other.vid
+                            : std::lexicographical_compare(texts.begin() + 1, texts.end(), other.texts.begin() + 1,
+                                                           other.texts.end());
+  }
+  bool KeyEqual(const ItemRead& other) const {
+    return vid == other.vid && std::equal(texts.begin() + 1, texts.end(), other.texts.begin() + 1);
+  }
 };
 
 // "one more ..." / "N more ...", for the rest of a group reported once.
@@ -91,16 +116,13 @@ class Linter {
           std::string("no <Item> under the root: ") + NothingRead(kind_));
       return Placed();
     }
-    std::vector<ItemRead> items;
+    std::deque<ItemRead> items;  // grows without moving what it holds
     const tinyxml2::XMLElement* last = first;
     for (const tinyxml2::XMLElement* item = first; item != nullptr; item = NextItem(*item)) {
-      items.push_back({item, ReadItem(*item)});
+      items.push_back(CheckItem(*item));
       last = item;
     }
     CheckListEnd(*last);
-    for (const ItemRead& item : items) {
-      CheckItem(item);
-    }
     CheckDevices(items);
     return Placed();
   }
@@ -145,15 +167,15 @@ class Linter {
     }
   }
 
-  // One walk over the item's children finds each field's element, as the
-  // reading does: the first of its name.
-  void CheckItem(const ItemRead& item) {
-    if (std::strcmp(item.element->Value(), kItemElement) != 0) {
-      Add(item.element, Severity::kWarning, "not-item",
-          Element(item.element->Value()) + " after the first <Item> is read as an item all the same");
+  // One walk over the item's children finds each field's element as the
+  // reading does, the first of its name, and its text by the reading's rule.
+  ItemRead CheckItem(const tinyxml2::XMLElement& element) {
+    if (std::strcmp(element.Value(), kItemElement) != 0) {
+      Add(&element, Severity::kWarning, "not-item",
+          Element(element.Value()) + " after the first <Item> is read as an item all the same");
     }
     std::array<const tinyxml2::XMLElement*, kKeyFields.size()> fields{};
-    for (const tinyxml2::XMLElement* child = item.element->FirstChildElement(); child != nullptr;
+    for (const tinyxml2::XMLElement* child = element.FirstChildElement(); child != nullptr;
          child = child->NextSiblingElement()) {
       const auto field = std::find_if(kKeyFields.begin(), kKeyFields.end(),
                                       [child](const KeyField& f) { return std::strcmp(f.name, child->Value()) == 0; });
@@ -163,22 +185,29 @@ class Linter {
         fields[static_cast<std::size_t>(field - kKeyFields.begin())] = child;
       }
     }
+    ItemRead item;
+    item.element = &element;
     for (std::size_t i = 0; i < kKeyFields.size(); ++i) {
-      CheckField(*item.element, fields[i], i, item.key);
+      item.texts[i] = ElementText(fields[i]);
     }
+    item.vid = ReadVid(ElementText(fields[0]));
+    for (std::size_t i = 0; i < kKeyFields.size(); ++i) {
+      CheckField(element, fields[i], i, item);
+    }
+    return item;
   }
 
   void CheckField(const tinyxml2::XMLElement& item, const tinyxml2::XMLElement* element, std::size_t index,
-                  const ClDeviceKey& key) {
+                  const ItemRead& read) {
     const KeyField& field = kKeyFields[index];
-    const std::string_view text = ElementText(element);
+    const std::string_view text = read.texts[index];
     if (text.empty()) {
       CheckMissing(element != nullptr ? *element : static_cast<const tinyxml2::XMLNode&>(item), index,
                    element != nullptr);
       return;
     }
     if (field.text == nullptr) {
-      CheckVid(*element, text, key.VID);
+      CheckVid(*element, text, read.vid);
       return;
     }
     if (IsSpace(text.front()) || IsSpace(text.back())) {
@@ -186,11 +215,11 @@ class Linter {
                           : IsSpace(text.front())                       ? "its start"
                                                                         : "its end";
       Add(element, Severity::kError, "padded",
-          std::string("<") + field.name + "> " + Quoted(std::string(text)) + " has white space at " + where +
+          std::string("<") + field.name + "> " + Quoted(text) + " has white space at " + where +
               ": gpuvet compares it byte for byte with the device's trimmed text");
     }
     if (field.text == &ClDeviceKey::DeviceName) {
-      const std::string part = VolatileNamePart(key.DeviceName);
+      const std::string part = VolatileNamePart(text);
       if (!part.empty()) {
         Add(element, Severity::kWarning, "volatile-name",
             "<DeviceName> carries the driver stack's version " + Quoted(part) +
@@ -225,7 +254,7 @@ class Linter {
     }
     const bool prefixed = trimmed.size() > 2 && trimmed[0] == '0' && (trimmed[1] == 'x' || trimmed[1] == 'X');
     digits = prefixed ? trimmed.substr(2) : trimmed;
-    std::string message = "<VID> " + Quoted(std::string(text)) + " is not a decimal vendor id: gpuvet reads " +
+    std::string message = "<VID> " + Quoted(text) + " is not a decimal vendor id: gpuvet reads " +
                           std::to_string(static_cast<int32_t>(read));
     if (AllOf(digits, ::isxdigit) && digits.size() <= 8 && (prefixed || !AllOf(digits, ::isdigit))) {
       const uint64_t value = std::stoull(std::string(digits), nullptr, 16);
@@ -235,7 +264,7 @@ class Linter {
   }
 
   void CheckVendorKnown(const tinyxml2::XMLElement& element, uint32_t vendor) {
-    if (vendor <= kHighestPciVendorId && !platform::IsKnownVendor(vendor)) {
+    if (vendor <= kHighestPciVendorId && !KnownVendor(vendor)) {
       Add(&element, Severity::kWarning, "vid-unknown",
           "vendor id " + std::to_string(vendor) + " (" + Hex(vendor) + ") is not in the PCI ID database");
     } else if (vendor > kHighestKhronosVendorId) {
@@ -243,6 +272,15 @@ class Linter {
           "vendor id " + std::to_string(vendor) + " (" + Hex(vendor) +
               ") is neither a PCI vendor id nor one that Khronos assigns");
     }
+  }
+
+  // The database is asked once per vendor: a list names few of them.
+  bool KnownVendor(uint32_t vendor) {
+    const auto [known, added] = knownVendors_.emplace(vendor, false);
+    if (added) {
+      known->second = platform::IsKnownVendor(vendor);
+    }
+    return known->second;
   }
 
   void CheckUnknownField(const tinyxml2::XMLElement& child) {
@@ -254,30 +292,37 @@ class Linter {
         Element(child.Value()) + " is not a field and is not read: did you mean <" + nearest->name + ">?");
   }
 
-  // The items of each device side by side: sorted once by key, with the file
-  // order kept among equal keys, so each device is one run and its repeats
-  // stand together. Each finding covers a group, so the work and the output
-  // grow with the list, never with its pairs.
-  void CheckDevices(const std::vector<ItemRead>& items) {
-    std::vector<const ItemRead*> sorted;
+  // The items of each device side by side: sorted once, by a hash of the
+  // device first so that most comparisons are of numbers, then by key, with
+  // the file order kept among equal keys, so each device is one run and its
+  // repeats stand together. Each finding covers a group, so the work and the
+  // output grow with the list, never with its pairs.
+  void CheckDevices(const std::deque<ItemRead>& items) {
+    struct Sorted {
+      std::size_t deviceHash;
+      const ItemRead* item;
+    };
+    std::vector<Sorted> sorted;
     sorted.reserve(items.size());
     for (const ItemRead& item : items) {
-      sorted.push_back(&item);
+      sorted.push_back({std::hash<std::string_view>()(item.Name()) ^ item.vid, &item});
     }
-    std::stable_sort(sorted.begin(), sorted.end(),
-                     [](const ItemRead* a, const ItemRead* b) { return ClDeviceKeyLess(a->key, b->key); });
+    std::sort(sorted.begin(), sorted.end(), [](const Sorted& a, const Sorted& b) {
+      if (a.deviceHash != b.deviceHash) return a.deviceHash < b.deviceHash;
+      if (a.item->KeyLess(*b.item)) return true;
+      return !b.item->KeyLess(*a.item) && a.item < b.item;
+    });
+    std::vector<const ItemRead*> device;
     for (std::size_t begin = 0; begin < sorted.size();) {
-      std::size_t end = begin + 1;
-      while (end < sorted.size() && sorted[end]->key.VID == sorted[begin]->key.VID &&
-             sorted[end]->key.DeviceName == sorted[begin]->key.DeviceName) {
-        ++end;
+      device.clear();
+      std::size_t end = begin;
+      for (; end < sorted.size() && sorted[end].item->SameDevice(*sorted[begin].item); ++end) {
+        device.push_back(sorted[end].item);
       }
-      const std::vector<const ItemRead*> device(sorted.begin() + static_cast<std::ptrdiff_t>(begin),
-                                                sorted.begin() + static_cast<std::ptrdiff_t>(end));
       const std::vector<const ItemRead*> distinct = CheckDuplicates(device);
-      if (kind_ == ListKind::kWhite) {
+      if (kind_ == ListKind::kWhite && distinct.size() > 1) {
         for (std::size_t field = kFirstVersionField; field < kKeyFields.size(); ++field) {
-          CheckVersionOrder(distinct, kKeyFields[field]);
+          CheckVersionOrder(distinct, field);
         }
         CheckShadowed(distinct);
       }
@@ -290,7 +335,7 @@ class Linter {
     std::vector<const ItemRead*> distinct;
     for (std::size_t begin = 0; begin < device.size();) {
       std::size_t end = begin + 1;
-      while (end < device.size() && ClDeviceKeyEqual(device[end]->key, device[begin]->key)) {
+      while (end < device.size() && device[end]->KeyEqual(*device[begin])) {
         ++end;
       }
       distinct.push_back(device[begin]);
@@ -307,16 +352,17 @@ class Linter {
   // The values of one version field of a device, in byte order, against their
   // order as numbers: where two neighbours disagree, the author's order is not
   // gpuvet's.
-  void CheckVersionOrder(const std::vector<const ItemRead*>& device, const KeyField& field) {
+  void CheckVersionOrder(const std::vector<const ItemRead*>& device, std::size_t index) {
+    const KeyField& field = kKeyFields[index];
     std::vector<const ItemRead*> byValue = device;
-    std::stable_sort(byValue.begin(), byValue.end(), [&field](const ItemRead* a, const ItemRead* b) {
-      return StringLess(a->key.*field.text, b->key.*field.text);
+    std::sort(byValue.begin(), byValue.end(), [index](const ItemRead* a, const ItemRead* b) {
+      return a->texts[index] != b->texts[index] ? a->texts[index] < b->texts[index] : a < b;
     });
     std::size_t disagreements = 0;
     const ItemRead* lower = nullptr;
     const ItemRead* higher = nullptr;
     for (std::size_t i = 0; i + 1 < byValue.size(); ++i) {
-      if (CompareAsNumbers(byValue[i]->key.*field.text, byValue[i + 1]->key.*field.text) > 0 &&
+      if (CompareAsNumbers(byValue[i]->texts[index], byValue[i + 1]->texts[index]) > 0 &&
           disagreements++ == 0) {
         lower = byValue[i];
         higher = byValue[i + 1];
@@ -329,17 +375,17 @@ class Linter {
     const ItemRead& mine = lowerLater ? *lower : *higher;
     const ItemRead& theirs = lowerLater ? *higher : *lower;
     Add(mine.element, Severity::kWarning, "version-order",
-        std::string("<") + field.name + "> " + Quoted(mine.key.*field.text) + " and " +
-            Quoted(theirs.key.*field.text) + " of the item at line " + Line(*theirs.element) +
+        std::string("<") + field.name + "> " + Quoted(mine.texts[index]) + " and " +
+            Quoted(theirs.texts[index]) + " of the item at line " + Line(*theirs.element) +
             " order one way as numbers and the other byte by byte: gpuvet takes " +
-            Quoted(higher->key.*field.text) + " as the higher" +
+            Quoted(higher->texts[index]) + " as the higher" +
             More(disagreements - 1, "such pairs among this device's items"));
   }
 
   // An item whose three minimums are each at least another item's admits
   // nothing more. The items come in key order, so whatever covers an item
-  // comes before it; a staircase of the other two versions seen so far answers
-  // whether one does.
+  // comes before it: a few are compared with each other, many go through a
+  // staircase of the other two versions seen so far.
   void CheckShadowed(const std::vector<const ItemRead*>& device) {
     struct Step {
       std::string_view driverVersion;
@@ -348,9 +394,20 @@ class Linter {
     const auto byteLess = [](std::string_view a, std::string_view b) { return a < b; };
     std::map<std::string_view, Step, decltype(byteLess)> stairs(byteLess);  // by DeviceVersion
     std::vector<std::pair<const ItemRead*, const ItemRead*>> shadowed;      // item, covered by
-    for (const ItemRead* item : device) {
-      const std::string_view deviceVersion = item->key.DeviceVersion;
-      const std::string_view driverVersion = item->key.DriverVersion;
+    const auto covers = [](const ItemRead* a, const ItemRead* b) {
+      return a->texts[kDeviceVersionField] <= b->texts[kDeviceVersionField] &&
+             a->texts[kDriverVersionField] <= b->texts[kDriverVersionField];
+    };
+    for (std::size_t i = 0; i < device.size() && device.size() <= kFewItems; ++i) {
+      const auto before = std::find_if(device.begin(), device.begin() + static_cast<std::ptrdiff_t>(i),
+                                       [&](const ItemRead* earlier) { return covers(earlier, device[i]); });
+      if (before != device.begin() + static_cast<std::ptrdiff_t>(i)) {
+        shadowed.emplace_back(device[i], *before);
+      }
+    }
+    for (const ItemRead* item : device.size() <= kFewItems ? std::vector<const ItemRead*>() : device) {
+      const std::string_view deviceVersion = item->texts[kDeviceVersionField];
+      const std::string_view driverVersion = item->texts[kDriverVersionField];
       auto at = stairs.upper_bound(deviceVersion);
       if (at != stairs.begin() && std::prev(at)->second.driverVersion <= driverVersion) {
         shadowed.emplace_back(item, std::prev(at)->second.item);
@@ -400,6 +457,7 @@ class Linter {
   ListKind kind_;
   std::vector<Finding> findings_;
   std::vector<const tinyxml2::XMLNode*> nodes_;
+  std::unordered_map<uint32_t, bool> knownVendors_;
 };
 
 }  // namespace

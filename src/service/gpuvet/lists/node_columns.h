@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -27,6 +28,7 @@ class NodeColumns {
   void Visit(const tinyxml2::XMLNode& node);
   // Finds the token on the node's line from the cursor; records the node there.
   std::size_t Take(const tinyxml2::XMLNode& node, const std::string& token);
+  void TakeElement(const tinyxml2::XMLNode& node, std::string_view name);
   void SkipPast(std::size_t from, const char* token);
   std::size_t LineStart(int line) const;
   std::size_t LineEnd(std::size_t start) const;
@@ -34,6 +36,7 @@ class NodeColumns {
   const std::string& text_;
   const std::unordered_set<const tinyxml2::XMLNode*>& wanted_;
   std::vector<std::size_t> lineStarts_;
+  std::vector<bool> wantedLines_;
   std::unordered_map<const tinyxml2::XMLNode*, int> columns_;
   std::size_t cursor_ = 0;
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <string_view>
 #include <vector>
 
 namespace gpuvet::lists {
@@ -11,7 +12,7 @@ namespace {
 bool IsDigit(char c) { return std::isdigit(static_cast<unsigned char>(c)) != 0; }
 
 // The run of bytes at `at` that are all digits, or all not.
-std::string RunAt(const std::string& text, std::size_t at) {
+std::string_view RunAt(std::string_view text, std::size_t at) {
   std::size_t end = at;
   while (end < text.size() && IsDigit(text[end]) == IsDigit(text[at])) {
     ++end;
@@ -19,9 +20,9 @@ std::string RunAt(const std::string& text, std::size_t at) {
   return text.substr(at, end - at);
 }
 
-int CompareNumberRuns(std::string a, std::string b) {
-  a.erase(0, std::min(a.find_first_not_of('0'), a.size()));
-  b.erase(0, std::min(b.find_first_not_of('0'), b.size()));
+int CompareNumberRuns(std::string_view a, std::string_view b) {
+  a.remove_prefix(std::min(a.find_first_not_of('0'), a.size()));
+  b.remove_prefix(std::min(b.find_first_not_of('0'), b.size()));
   if (a.size() != b.size()) {
     return a.size() < b.size() ? -1 : 1;
   }
@@ -31,7 +32,7 @@ int CompareNumberRuns(std::string a, std::string b) {
 // The length of the well-formed UTF-8 sequence at `at`, or 0 when the byte
 // there starts none (a stray continuation, an overlong form, a surrogate, a
 // value past U+10FFFF, a sequence cut short).
-std::size_t Utf8SequenceLength(const std::string& text, std::size_t at) {
+std::size_t Utf8SequenceLength(std::string_view text, std::size_t at) {
   const auto byte = [&text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
   const unsigned char lead = byte(at);
   if (lead < 0x80) return 1;
@@ -48,7 +49,7 @@ std::size_t Utf8SequenceLength(const std::string& text, std::size_t at) {
   return overlongOrBeyond ? 0 : length;
 }
 
-char32_t DecodeUtf8(const std::string& text, std::size_t at, std::size_t length) {
+char32_t DecodeUtf8(std::string_view text, std::size_t at, std::size_t length) {
   static constexpr unsigned char kLeadMask[] = {0, 0x7f, 0x1f, 0x0f, 0x07};
   char32_t value = static_cast<unsigned char>(text[at]) & kLeadMask[length];
   for (std::size_t i = 1; i < length; ++i) {
@@ -82,12 +83,12 @@ std::size_t EditDistance(const std::string& a, const std::string& b) {
   return row[b.size()];
 }
 
-int CompareAsNumbers(const std::string& a, const std::string& b) {
+int CompareAsNumbers(std::string_view a, std::string_view b) {
   std::size_t i = 0;
   std::size_t j = 0;
   while (i < a.size() && j < b.size()) {
-    const std::string runA = RunAt(a, i);
-    const std::string runB = RunAt(b, j);
+    const std::string_view runA = RunAt(a, i);
+    const std::string_view runB = RunAt(b, j);
     const bool numbers = IsDigit(runA[0]) && IsDigit(runB[0]);
     const int order = numbers ? CompareNumberRuns(runA, runB) : runA.compare(runB);
     if (order != 0) {
@@ -110,7 +111,7 @@ std::size_t TurningByte(const std::string& a, const std::string& b) {
 // Control characters, C0 and C1 (a one-byte CSI is U+009B), the marks that turn
 // the direction of text, and bytes that are not UTF-8 are written as \xNN, one
 // per byte; the quote and the backslash are escaped, so the text reads back whole.
-std::string Quoted(const std::string& text) {
+std::string Quoted(std::string_view text) {
   std::string quoted = "\"";
   std::size_t at = 0;
   while (at < text.size()) {

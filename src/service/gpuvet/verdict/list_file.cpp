@@ -96,12 +96,16 @@ ClDeviceKey ReadItem(const tinyxml2::XMLElement& item) {
   for (const KeyField& field : kKeyFields) {
     const char* text = FieldText(item, field.name);
     if (field.text == nullptr) {
-      key.VID = static_cast<uint32_t>(platform::TextToInt(text));
+      key.VID = ReadVid(text);
     } else {
       key.*field.text = text;
     }
   }
   return key;
+}
+
+uint32_t ReadVid(const char* text) {
+  return static_cast<uint32_t>(platform::TextToInt(text));
 }
 
 ListFile ReadListFile(const char* path, const char* rootName) {

@@ -76,6 +76,8 @@ const tinyxml2::XMLElement* NextItem(const tinyxml2::XMLElement& item);
 // name; a field that is missing, or whose first child is no text, keeps its
 // fresh value. VID is a decimal number: "0x10de" reads as 0.
 ClDeviceKey ReadItem(const tinyxml2::XMLElement& item);
+// The vendor id that a VID text reads as.
+uint32_t ReadVid(const char* text);
 // The text of a field element: its first child node, when that node is a text
 // (CDATA included). Empty, the fresh value, when there is no such element or text.
 const char* FieldText(const tinyxml2::XMLElement& item, const char* fieldName);

@@ -63,6 +63,7 @@ bool ReadNamedFile(const std::string& path, std::string& text, std::string& why)
     why = S_ISDIR(info.st_mode) ? "a folder, not a regular file" : "not a regular file";
     return false;
   }
+  text.reserve(static_cast<std::size_t>(info.st_size));
   return ReadAll(file.Get(), text, why);
 }
 
