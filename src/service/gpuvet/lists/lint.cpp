@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <string_view>
+#include <tuple>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -36,8 +37,8 @@ constexpr uint32_t kHighestKhronosVendorId = 0x1ffff;
 // Element names are compared with the field names on this many bytes at most.
 constexpr std::size_t kComparedNameBytes = 64;
 constexpr const char* kBlanks = " \t\r\n";
-// The shadowed check walks the items in key order, which puts OpenCLCVersion
-// first; these two are the other minimums.
+// The shadowed check of many items walks them in key order, which puts
+// OpenCLCVersion first; these two are the other minimums.
 constexpr std::size_t kDeviceVersionField = 3;
 constexpr std::size_t kDriverVersionField = 4;
 // Up to this many items of one device are compared pair by pair.
@@ -97,8 +98,11 @@ std::string More(std::size_t count, const std::string& what) {
 
 class Linter {
  public:
-  Linter(std::string path, const std::string& text, const tinyxml2::XMLDocument& document, ListKind expected)
-      : path_(std::move(path)), text_(text), document_(document), kind_(expected) {}
+  // lineSource gives the texts of the lines asked for; it is asked only when
+  // there is a finding to place.
+  using LineSource = std::function<LineTexts(const std::unordered_set<int>&)>;
+  Linter(std::string path, LineSource lineSource, const tinyxml2::XMLDocument& document, ListKind expected)
+      : path_(std::move(path)), lineSource_(std::move(lineSource)), document_(document), kind_(expected) {}
 
   std::vector<Finding> Run() {
     const tinyxml2::XMLElement* root = document_.FirstChildElement();
@@ -292,45 +296,65 @@ class Linter {
         Element(child.Value()) + " is not a field and is not read: did you mean <" + nearest->name + ">?");
   }
 
-  // The items of each device side by side: sorted once, by a hash of the
-  // device first so that most comparisons are of numbers, then by key, with
-  // the file order kept among equal keys, so each device is one run and its
-  // repeats stand together. Each finding covers a group, so the work and the
-  // output grow with the list, never with its pairs.
+  // The items of each device side by side: sorted once by a hash of the
+  // device, then of the whole key, then by their place in the file, so that
+  // the sort compares numbers only; each device is then one run (two devices
+  // of one hash are told apart after) and its repeats stand together in the
+  // file's order. Each finding covers a group, so the work and the output grow
+  // with the list, never with its pairs.
   void CheckDevices(const std::deque<ItemRead>& items) {
     struct Sorted {
       std::size_t deviceHash;
+      std::size_t keyHash;
+      std::size_t place;
       const ItemRead* item;
     };
     std::vector<Sorted> sorted;
     sorted.reserve(items.size());
+    const std::hash<std::string_view> hash;
     for (const ItemRead& item : items) {
-      sorted.push_back({std::hash<std::string_view>()(item.Name()) ^ item.vid, &item});
+      const std::size_t deviceHash = hash(item.Name()) ^ item.vid;
+      std::size_t keyHash = deviceHash;
+      for (std::size_t field = kFirstVersionField; field < kKeyFields.size(); ++field) {
+        keyHash = keyHash * 31 + hash(item.texts[field]);
+      }
+      sorted.push_back({deviceHash, keyHash, sorted.size(), &item});
     }
     std::sort(sorted.begin(), sorted.end(), [](const Sorted& a, const Sorted& b) {
-      if (a.deviceHash != b.deviceHash) return a.deviceHash < b.deviceHash;
-      if (a.item->KeyLess(*b.item)) return true;
-      return !b.item->KeyLess(*a.item) && a.item < b.item;
+      return std::tie(a.deviceHash, a.keyHash, a.place) < std::tie(b.deviceHash, b.keyHash, b.place);
     });
     std::vector<const ItemRead*> device;
     for (std::size_t begin = 0; begin < sorted.size();) {
-      device.clear();
       std::size_t end = begin;
-      for (; end < sorted.size() && sorted[end].item->SameDevice(*sorted[begin].item); ++end) {
+      device.clear();
+      for (; end < sorted.size() && sorted[end].deviceHash == sorted[begin].deviceHash; ++end) {
         device.push_back(sorted[end].item);
       }
-      const std::vector<const ItemRead*> distinct = CheckDuplicates(device);
-      if (kind_ == ListKind::kWhite && distinct.size() > 1) {
-        for (std::size_t field = kFirstVersionField; field < kKeyFields.size(); ++field) {
-          CheckVersionOrder(distinct, field);
-        }
-        CheckShadowed(distinct);
+      // Two devices behind one hash: each apart, in the file's order.
+      std::stable_partition(device.begin(), device.end(),
+                            [&device](const ItemRead* item) { return item->SameDevice(*device.front()); });
+      for (auto first = device.begin(); first != device.end();) {
+        const auto last = std::find_if(first, device.end(),
+                                       [first](const ItemRead* item) { return !item->SameDevice(**first); });
+        CheckDevice(std::vector<const ItemRead*>(first, last));
+        first = last;
       }
       begin = end;
     }
   }
 
-  // One finding per repeated item; gives the first of each.
+  void CheckDevice(const std::vector<const ItemRead*>& device) {
+    const std::vector<const ItemRead*> distinct = CheckDuplicates(device);
+    if (kind_ == ListKind::kWhite && distinct.size() > 1) {
+      for (std::size_t field = kFirstVersionField; field < kKeyFields.size(); ++field) {
+        CheckVersionOrder(distinct, field);
+      }
+      CheckShadowed(distinct);
+    }
+  }
+
+  // One finding per repeated item; gives the first of each. Repeats have one
+  // key hash, so they stand next to each other, in the file's order.
   std::vector<const ItemRead*> CheckDuplicates(const std::vector<const ItemRead*>& device) {
     std::vector<const ItemRead*> distinct;
     for (std::size_t begin = 0; begin < device.size();) {
@@ -383,41 +407,26 @@ class Linter {
   }
 
   // An item whose three minimums are each at least another item's admits
-  // nothing more. The items come in key order, so whatever covers an item
-  // comes before it: a few are compared with each other, many go through a
+  // nothing more. A few items are compared with each other; many are taken in
+  // key order, in which whatever covers an item comes before it, through a
   // staircase of the other two versions seen so far.
-  void CheckShadowed(const std::vector<const ItemRead*>& device) {
-    struct Step {
-      std::string_view driverVersion;
-      const ItemRead* item;
-    };
-    const auto byteLess = [](std::string_view a, std::string_view b) { return a < b; };
-    std::map<std::string_view, Step, decltype(byteLess)> stairs(byteLess);  // by DeviceVersion
-    std::vector<std::pair<const ItemRead*, const ItemRead*>> shadowed;      // item, covered by
-    const auto covers = [](const ItemRead* a, const ItemRead* b) {
-      return a->texts[kDeviceVersionField] <= b->texts[kDeviceVersionField] &&
-             a->texts[kDriverVersionField] <= b->texts[kDriverVersionField];
-    };
-    for (std::size_t i = 0; i < device.size() && device.size() <= kFewItems; ++i) {
-      const auto before = std::find_if(device.begin(), device.begin() + static_cast<std::ptrdiff_t>(i),
-                                       [&](const ItemRead* earlier) { return covers(earlier, device[i]); });
-      if (before != device.begin() + static_cast<std::ptrdiff_t>(i)) {
-        shadowed.emplace_back(device[i], *before);
+  void CheckShadowed(std::vector<const ItemRead*> device) {
+    std::vector<std::pair<const ItemRead*, const ItemRead*>> shadowed;  // item, covered by
+    if (device.size() <= kFewItems) {
+      const auto covers = [](const ItemRead* a, const ItemRead* b) {
+        return a != b && std::equal(a->texts.begin() + kFirstVersionField, a->texts.end(),
+                                    b->texts.begin() + kFirstVersionField,
+                                    [](std::string_view x, std::string_view y) { return x <= y; });
+      };
+      for (const ItemRead* item : device) {
+        const auto by = std::find_if(device.begin(), device.end(), [&](const ItemRead* other) { return covers(other, item); });
+        if (by != device.end()) {
+          shadowed.emplace_back(item, *by);
+        }
       }
-    }
-    for (const ItemRead* item : device.size() <= kFewItems ? std::vector<const ItemRead*>() : device) {
-      const std::string_view deviceVersion = item->texts[kDeviceVersionField];
-      const std::string_view driverVersion = item->texts[kDriverVersionField];
-      auto at = stairs.upper_bound(deviceVersion);
-      if (at != stairs.begin() && std::prev(at)->second.driverVersion <= driverVersion) {
-        shadowed.emplace_back(item, std::prev(at)->second.item);
-        continue;
-      }
-      at = stairs.lower_bound(deviceVersion);
-      while (at != stairs.end() && at->second.driverVersion >= driverVersion) {
-        at = stairs.erase(at);
-      }
-      stairs.emplace(deviceVersion, Step{driverVersion, item});
+    } else {
+      std::sort(device.begin(), device.end(), [](const ItemRead* a, const ItemRead* b) { return a->KeyLess(*b); });
+      CoveredOnTheStairs(device, shadowed);
     }
     if (shadowed.empty()) {
       return;
@@ -431,6 +440,32 @@ class Linter {
             More(shadowed.size() - 1, "items of this device are shadowed likewise"));
   }
 
+  // The items in key order: OpenCLCVersion first, so an item can only be
+  // covered by one before it; the stairs hold, by DeviceVersion, the lowest
+  // DriverVersion seen up to there.
+  static void CoveredOnTheStairs(const std::vector<const ItemRead*>& device,
+                                 std::vector<std::pair<const ItemRead*, const ItemRead*>>& shadowed) {
+    struct Stair {
+      std::string_view driverVersion;
+      const ItemRead* item;
+    };
+    std::map<std::string_view, Stair> stairs;
+    for (const ItemRead* item : device) {
+      const std::string_view deviceVersion = item->texts[kDeviceVersionField];
+      const std::string_view driverVersion = item->texts[kDriverVersionField];
+      auto at = stairs.upper_bound(deviceVersion);
+      if (at != stairs.begin() && std::prev(at)->second.driverVersion <= driverVersion) {
+        shadowed.emplace_back(item, std::prev(at)->second.item);
+        continue;
+      }
+      at = stairs.lower_bound(deviceVersion);
+      while (at != stairs.end() && at->second.driverVersion >= driverVersion) {
+        at = stairs.erase(at);
+      }
+      stairs.emplace(deviceVersion, Stair{driverVersion, item});
+    }
+  }
+
   static std::string Line(const tinyxml2::XMLNode& node) { return std::to_string(node.GetLineNum()); }
 
   void Add(const tinyxml2::XMLNode* node, Severity severity, const std::string& check, const std::string& message) {
@@ -440,8 +475,16 @@ class Linter {
 
   // The findings with their columns, in the order of the file.
   std::vector<Finding> Placed() {
-    const std::unordered_set<const tinyxml2::XMLNode*> wanted(nodes_.begin(), nodes_.end());
-    const NodeColumns columns(text_, document_, wanted);
+    if (findings_.empty()) {
+      return {};
+    }
+    std::unordered_set<const tinyxml2::XMLNode*> wanted(nodes_.begin(), nodes_.end());
+    wanted.erase(nullptr);
+    std::unordered_set<int> lines;
+    for (const tinyxml2::XMLNode* node : wanted) {
+      lines.insert(node->GetLineNum());
+    }
+    const NodeColumns columns(lineSource_(lines), document_, wanted);
     for (std::size_t i = 0; i < findings_.size(); ++i) {
       findings_[i].column = nodes_[i] != nullptr ? columns.Of(*nodes_[i]) : 1;
     }
@@ -452,7 +495,7 @@ class Linter {
   }
 
   std::string path_;
-  const std::string& text_;
+  LineSource lineSource_;
   const tinyxml2::XMLDocument& document_;
   ListKind kind_;
   std::vector<Finding> findings_;
@@ -462,15 +505,24 @@ class Linter {
 
 }  // namespace
 
+// A regular file is handed to the parser as it stands, as gpuvet's own reading
+// does; standard input is read whole first.
 LintResult LintListFile(const std::string& path, ListKind expected) {
   LintResult result;
   std::string text;
-  if (!platform::ReadNamedFile(path, text, result.openError)) {
+  platform::FilePtr file;
+  if (path == platform::kStandardInputName) {
+    result.opened = platform::ReadStandardInput(text, result.openError);
+  } else {
+    file = platform::OpenRegularFile(path, result.openError);
+    result.opened = file != nullptr;
+  }
+  if (!result.opened) {
     return result;
   }
-  result.opened = true;
   const std::unique_ptr<tinyxml2::XMLDocument> document = NewListDocument();
-  const tinyxml2::XMLError error = document->Parse(text.data(), text.size());
+  const tinyxml2::XMLError error =
+      file != nullptr ? document->LoadFile(file.get()) : document->Parse(text.data(), text.size());
   if (error != tinyxml2::XML_SUCCESS) {
     const std::string what = error == tinyxml2::XML_ERROR_EMPTY_DOCUMENT
                                  ? std::string("empty file")
@@ -479,7 +531,10 @@ LintResult LintListFile(const std::string& path, ListKind expected) {
                                what + ": gpuvet reads no item; " + NothingRead(expected)});
     return result;
   }
-  result.findings = Linter(path, text, *document, expected).Run();
+  const auto lines = [&file, &text](const std::unordered_set<int>& wanted) {
+    return file != nullptr ? CollectLines(file.get(), wanted) : CollectLines(text, wanted);
+  };
+  result.findings = Linter(path, lines, *document, expected).Run();
   return result;
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdio>
+#include <memory>
 #include <string>
 
 namespace gpuvet::platform {
@@ -7,9 +9,17 @@ namespace gpuvet::platform {
 // The name that stands for standard input.
 constexpr const char* kStandardInputName = "-";
 
-// Reads the whole of a file that a user named: a regular file, or standard
-// input for "-". Anything else (a FIFO, a device, a folder) is refused without
-// waiting on it: false, with why in a few words.
-bool ReadNamedFile(const std::string& path, std::string& text, std::string& why);
+struct FileCloser {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
+
+// Opens a file that a user named for reading, when it is a regular file.
+// Anything else (a FIFO, a device, a folder) is refused without waiting on it:
+// null, with why in a few words.
+FilePtr OpenRegularFile(const std::string& path, std::string& why);
+
+// Reads the whole of standard input.
+bool ReadStandardInput(std::string& text, std::string& why);
 
 }  // namespace gpuvet::platform

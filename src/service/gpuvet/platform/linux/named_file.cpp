@@ -12,25 +12,35 @@ namespace {
 
 constexpr std::size_t kReadChunk = 1 << 16;
 
-// Closes the descriptor when it goes.
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ > STDERR_FILENO) close(fd_);
+}  // namespace
+
+FilePtr OpenRegularFile(const std::string& path, std::string& why) {
+  // Opening without blocking: a FIFO with no writer would otherwise hold the open.
+  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) {
+    why = std::strerror(errno);
+    return nullptr;
   }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int Get() const { return fd_; }
+  struct stat info {};
+  const bool statted = fstat(fd, &info) == 0;
+  if (!statted || !S_ISREG(info.st_mode)) {
+    why = !statted ? std::strerror(errno) : S_ISDIR(info.st_mode) ? "a folder, not a regular file" : "not a regular file";
+    close(fd);
+    return nullptr;
+  }
+  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+  FilePtr file(fdopen(fd, "rb"));
+  if (file == nullptr) {
+    why = std::strerror(errno);
+    close(fd);
+  }
+  return file;
+}
 
- private:
-  int fd_;
-};
-
-bool ReadAll(int fd, std::string& text, std::string& why) {
+bool ReadStandardInput(std::string& text, std::string& why) {
   char chunk[kReadChunk];
   for (;;) {
-    const ssize_t got = read(fd, chunk, sizeof chunk);
+    const ssize_t got = read(STDIN_FILENO, chunk, sizeof chunk);
     if (got == 0) return true;
     if (got < 0 && errno == EINTR) continue;
     if (got < 0) {
@@ -39,32 +49,6 @@ bool ReadAll(int fd, std::string& text, std::string& why) {
     }
     text.append(chunk, static_cast<std::size_t>(got));
   }
-}
-
-}  // namespace
-
-bool ReadNamedFile(const std::string& path, std::string& text, std::string& why) {
-  text.clear();
-  if (path == kStandardInputName) {
-    return ReadAll(STDIN_FILENO, text, why);
-  }
-  // Opening without blocking: a FIFO with no writer would otherwise hold the open.
-  const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-  if (file.Get() < 0) {
-    why = std::strerror(errno);
-    return false;
-  }
-  struct stat info {};
-  if (fstat(file.Get(), &info) != 0) {
-    why = std::strerror(errno);
-    return false;
-  }
-  if (!S_ISREG(info.st_mode)) {
-    why = S_ISDIR(info.st_mode) ? "a folder, not a regular file" : "not a regular file";
-    return false;
-  }
-  text.reserve(static_cast<std::size_t>(info.st_size));
-  return ReadAll(file.Get(), text, why);
 }
 
 }  // namespace gpuvet::platform
