@@ -3,6 +3,7 @@
 #include <tinyxml2.h>
 
 #include <algorithm>
+#include <vector>
 
 namespace gpuvet::lists {
 namespace {
@@ -64,11 +65,21 @@ NodeColumns::NodeColumns(const LineTexts& lines, const tinyxml2::XMLDocument& do
   // need the cursor they would move. (A comment that starts on such a line and
   // ends on a wanted one, with markup of the same name inside, can then lend
   // its place to a node behind it.)
+  // Lines only grow in document order: the next wanted line is a step along a sorted list.
+  std::vector<int> wantedLines;
+  wantedLines.reserve(lines.size());
+  for (const auto& [number, text] : lines) {
+    wantedLines.push_back(number);
+  }
+  std::sort(wantedLines.begin(), wantedLines.end());
+  auto nextWanted = wantedLines.begin();
   const tinyxml2::XMLNode* node = document.FirstChild();
   while (node != nullptr) {
-    const auto line = lines.find(node->GetLineNum());
-    if (line != lines.end()) {
-      Visit(*node, line->second);
+    while (nextWanted != wantedLines.end() && *nextWanted < node->GetLineNum()) {
+      ++nextWanted;
+    }
+    if (nextWanted != wantedLines.end() && *nextWanted == node->GetLineNum()) {
+      Visit(*node, lines.at(*nextWanted));
     }
     if (node->FirstChild() != nullptr) {
       node = node->FirstChild();
