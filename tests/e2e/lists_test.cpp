@@ -196,6 +196,35 @@ TEST_F(ListsTest, ExplainReadsEveryCommandLineAsGpuvetDoes) {
   }
 }
 
+// Two identical cards: explain names the adapter the run selected, not the first equal one.
+TEST_F(ListsTest, ExplainNamesTheSelectedOfTwoIdenticalAdapters) {
+  PciFixtureDevice second = kNvidiaAdapter;
+  second.address = "0000:66:00.0";
+  machine_.AddPciDevice(second);
+  Devices({NvidiaDevice()});
+  const RunResult explained = Lists({"explain", "--gpu", "1"});
+  EXPECT_EQ(explained.status, machine_.RunGpuvet({"--gpu", "1"}).status);
+  EXPECT_THAT(explained.out, HasSubstr("adapter: adapter 1 "));
+}
+
+// A large black list that names other devices only: explain's search for the
+// closest names comes after the verdict, measures each item once and leaves
+// gpuvet's status alone (searched inside the verdict, it ran into the watchdog).
+TEST_F(ListsTest, ExplainOfALargeListEndsWithGpuvetsStatus) {
+  constexpr int kItems = 30000;
+  DriverDated("2018-01-01");
+  Devices({NvidiaDevice()});
+  std::vector<IcdDevice> others(kItems, AmdDevice());
+  for (int i = 0; i < kItems; ++i) {
+    others[static_cast<std::size_t>(i)].name = "Generated Graphics Device " + std::to_string(i);
+  }
+  const std::string black = machine_.WriteFile("black.xml", ListFileText("BlackList", others));
+  const RunResult explained = Lists({"explain", "--gpu", "0", "--blacklist", black});
+  EXPECT_EQ(machine_.RunGpuvet({"--gpu", "0", "--blacklist", black}).status, kStatusOk);
+  EXPECT_EQ(explained.status, kStatusOk) << explained.out.substr(0, 2000);
+  EXPECT_THAT(explained.out, HasSubstr("the closest:"));
+}
+
 // A stored verdict answers explain as it answers gpuvet; explain itself stores none.
 TEST_F(ListsTest, ExplainAnswersFromTheStore) {
   DriverDated("2018-01-01");
