@@ -60,7 +60,8 @@ NodeColumns::NodeColumns(const LineTexts& lines, const tinyxml2::XMLDocument& do
     return;
   }
   // Document order without recursion: down to the first child, else on to the
-  // next sibling of the nearest node that has one. Nodes that start on a line
+  // next sibling of the nearest node that has one. A subtree whose lines hold
+  // no wanted line is passed over whole, and so are nodes that start on a line
   // without a wanted node are passed over: only searches on that line could
   // need the cursor they would move. (A comment that starts on such a line and
   // ends on a wanted one, with markup of the same name inside, can then lend
@@ -81,7 +82,7 @@ NodeColumns::NodeColumns(const LineTexts& lines, const tinyxml2::XMLDocument& do
     if (nextWanted != wantedLines.end() && *nextWanted == node->GetLineNum()) {
       Visit(*node, lines.at(*nextWanted));
     }
-    if (node->FirstChild() != nullptr) {
+    if (node->FirstChild() != nullptr && nextWanted != wantedLines.end() && *nextWanted <= LastLine(*node)) {
       node = node->FirstChild();
       continue;
     }
@@ -90,6 +91,15 @@ NodeColumns::NodeColumns(const LineTexts& lines, const tinyxml2::XMLDocument& do
     }
     node = node == nullptr ? nullptr : node->NextSibling();
   }
+}
+
+// The line of the last node inside: no node of the subtree starts later.
+int NodeColumns::LastLine(const tinyxml2::XMLNode& node) {
+  const tinyxml2::XMLNode* last = &node;
+  while (last->LastChild() != nullptr) {
+    last = last->LastChild();
+  }
+  return last->GetLineNum();
 }
 
 int NodeColumns::Of(const tinyxml2::XMLNode& node) const {

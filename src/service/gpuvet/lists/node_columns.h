@@ -31,6 +31,7 @@ class NodeColumns {
   int Of(const tinyxml2::XMLNode& node) const;
 
  private:
+  static int LastLine(const tinyxml2::XMLNode& node);
   void Visit(const tinyxml2::XMLNode& node, const std::string& line);
   // Finds the token on the line from the cursor and records the node there;
   // the place behind the token, or npos when it is not on the line.
