@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <iterator>
 #include <string>
 #include <utility>
 #include <vector>
@@ -213,12 +214,13 @@ void AddClosestNames(const std::string& path, const ListFile& list, const ClDevi
     for (std::size_t i = 0; i < list.items.size(); ++i) {
       byDistance.emplace_back(EditDistance(list.items[i].DeviceName.substr(0, kComparedNameBytes), name), i);
     }
-    const auto shown = byDistance.begin() + static_cast<std::ptrdiff_t>(std::min(byDistance.size(), kClosestNames));
-    std::partial_sort(byDistance.begin(), shown, byDistance.end());
-    for (auto at = byDistance.begin(); at != shown; ++at) {
-      const ClDeviceKey& item = list.items[at->second];
-      near.push_back(At(path, list, at->second) + Quoted(item.DeviceName) + " VID " + std::to_string(item.VID) +
-                     " is another name");
+    const std::size_t shown = std::min(byDistance.size(), kClosestNames);
+    std::partial_sort(byDistance.begin(), std::next(byDistance.begin(), static_cast<std::ptrdiff_t>(shown)),
+                      byDistance.end());
+    for (std::size_t k = 0; k < shown; ++k) {
+      const std::size_t index = byDistance[k].second;
+      near.push_back(At(path, list, index) + Quoted(list.items[index].DeviceName) + " VID " +
+                     std::to_string(list.items[index].VID) + " is another name");
     }
   }
   step.evidence.push_back("no item names " + Quoted(device.DeviceName) + " with VID " + std::to_string(device.VID) +

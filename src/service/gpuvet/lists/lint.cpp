@@ -445,24 +445,21 @@ class Linter {
   // DriverVersion seen up to there.
   static void CoveredOnTheStairs(const std::vector<const ItemRead*>& device,
                                  std::vector<std::pair<const ItemRead*, const ItemRead*>>& shadowed) {
-    struct Stair {
-      std::string_view driverVersion;
-      const ItemRead* item;
-    };
-    std::map<std::string_view, Stair> stairs;
+    // DeviceVersion -> the lowest DriverVersion up to it, and its item.
+    std::map<std::string_view, std::pair<std::string_view, const ItemRead*>> stairs;
     for (const ItemRead* item : device) {
       const std::string_view deviceVersion = item->texts[kDeviceVersionField];
       const std::string_view driverVersion = item->texts[kDriverVersionField];
       auto at = stairs.upper_bound(deviceVersion);
-      if (at != stairs.begin() && std::prev(at)->second.driverVersion <= driverVersion) {
-        shadowed.emplace_back(item, std::prev(at)->second.item);
+      if (at != stairs.begin() && std::prev(at)->second.first <= driverVersion) {
+        shadowed.emplace_back(item, std::prev(at)->second.second);
         continue;
       }
       at = stairs.lower_bound(deviceVersion);
-      while (at != stairs.end() && at->second.driverVersion >= driverVersion) {
+      while (at != stairs.end() && at->second.first >= driverVersion) {
         at = stairs.erase(at);
       }
-      stairs.emplace(deviceVersion, Stair{driverVersion, item});
+      stairs.emplace(deviceVersion, std::make_pair(driverVersion, item));
     }
   }
 
