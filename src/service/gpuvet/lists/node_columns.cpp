@@ -10,27 +10,34 @@ namespace {
 
 constexpr std::size_t kReadChunk = 1 << 16;
 
-// Splits text fed to it in pieces into lines and keeps the wanted ones.
+// Splits text fed to it in pieces into lines and keeps the wanted ones. Lines
+// come in order, so the next wanted one is a step along a sorted list.
 class LineCollector {
  public:
-  explicit LineCollector(const std::unordered_set<int>& wanted) : wanted_(wanted) {}
+  explicit LineCollector(const std::unordered_set<int>& wanted) : wanted_(wanted.begin(), wanted.end()) {
+    std::sort(wanted_.begin(), wanted_.end());
+    next_ = wanted_.begin();
+  }
   void Feed(std::string_view piece) {
-    while (!piece.empty()) {
+    while (!piece.empty() && next_ != wanted_.end()) {
       const std::size_t end = piece.find('\n');
-      if (wanted_.count(line_) != 0) {
+      if (line_ == *next_) {
         lines_[line_].append(piece.substr(0, end));
       }
       if (end == std::string_view::npos) {
         return;
       }
+      next_ += line_ == *next_ ? 1 : 0;
       ++line_;
       piece.remove_prefix(end + 1);
     }
   }
+  bool Done() const { return next_ == wanted_.end(); }
   LineTexts Take() { return std::move(lines_); }
 
  private:
-  const std::unordered_set<int>& wanted_;
+  std::vector<int> wanted_;
+  std::vector<int>::const_iterator next_;
   LineTexts lines_;
   int line_ = 1;
 };
@@ -47,7 +54,7 @@ LineTexts CollectLines(std::FILE* file, const std::unordered_set<int>& wanted) {
   LineCollector collector(wanted);
   std::rewind(file);
   char chunk[kReadChunk];
-  for (std::size_t got = 0; (got = std::fread(chunk, 1, sizeof chunk, file)) > 0;) {
+  for (std::size_t got = 0; !collector.Done() && (got = std::fread(chunk, 1, sizeof chunk, file)) > 0;) {
     collector.Feed(std::string_view(chunk, got));
   }
   return collector.Take();
