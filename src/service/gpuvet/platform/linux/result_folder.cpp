@@ -131,8 +131,8 @@ void AppendComponents(const std::string& path, std::deque<std::string>& componen
 // one component at a time, following only trusted links, and opens the folder
 // it ends in. `hops` counts the links followed, across calls.
 Status WalkToFolder(int startFd, const std::string& path, int& hops, FileDescriptor& folder) {
-  FileDescriptor current(::openat(path.rfind('/', 0) == 0 ? AT_FDCWD : startFd, path.rfind('/', 0) == 0 ? "/" : ".",
-                                  O_PATH | O_DIRECTORY | O_CLOEXEC));
+  const bool absolute = path.rfind('/', 0) == 0;
+  FileDescriptor current(::openat(absolute ? AT_FDCWD : startFd, absolute ? "/" : ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!current.Valid()) {
     return StatusOfErrno();
   }
