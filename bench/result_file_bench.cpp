@@ -48,6 +48,7 @@ struct ResultFile {
 void BM_ReadConfig(benchmark::State& state, const std::string& content) {
   const ResultFile file(content);
   gpuvet::ResultSerialize store;
+  store.Open(file.dir);
   std::vector<gpuvet::AdapterResult> records;
   for (auto _ : state) {
     store.ReadConfig(file.path, records);  // its dump goes to standard output, led to /dev/null

@@ -4,10 +4,10 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/file.h>
-#include <unistd.h>
 #include <stdlib.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -219,9 +219,7 @@ TEST_F(ResultStoreTest, WriteReplacesTheFileALinkNamesAndClearsDeadLeftovers) {
   EXPECT_EQ(NamesOf(RootOfTheFile()), (std::vector<std::string>{"Host", "GpuVet"}));
   struct stat info {};
   ASSERT_EQ(stat(target.c_str(), &info), 0);
-  EXPECT_EQ(info.st_mode & 07777, 0604u);
-  EXPECT_EQ(info.st_uid, 1234u);
-  EXPECT_EQ(info.st_gid, 1235u);
+  EXPECT_EQ(std::make_tuple(info.st_mode & 07777, info.st_uid, info.st_gid), std::make_tuple(0604u, 1234u, 1235u));
   EXPECT_FALSE(fs::exists(deadOfTarget));
   EXPECT_TRUE(fs::exists(live));
   EXPECT_TRUE(fs::exists(dead)) << "only the leftovers of the file that is replaced are looked at";

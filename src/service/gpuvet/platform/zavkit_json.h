@@ -168,8 +168,9 @@ class JsonArray {
   Json* node_;
 };
 
-// One document with its root value.
-class JsonDoc {
+// One document with its root value. (The library's destructor is not declared
+// noexcept, though freeing a tree never throws.)
+class JsonDoc {  // NOLINT(bugprone-exception-escape)
  public:
   // Parses the text into the root, in one pass whatever its nesting: a text
   // nested deeper than maxDepth is refused as it is met, before any deeper

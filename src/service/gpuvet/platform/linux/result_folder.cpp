@@ -131,8 +131,8 @@ void AppendComponents(const std::string& path, std::deque<std::string>& componen
 // one component at a time, following only trusted links, and opens the folder
 // it ends in. `hops` counts the links followed, across calls.
 Status WalkToFolder(int startFd, const std::string& path, int& hops, FileDescriptor& folder) {
-  FileDescriptor current(::openat(path.rfind('/', 0) == 0 ? AT_FDCWD : startFd, path.rfind('/', 0) == 0 ? "/" : ".",
-                                  O_PATH | O_DIRECTORY | O_CLOEXEC));
+  const bool absolute = path.rfind('/', 0) == 0;
+  FileDescriptor current(::openat(absolute ? AT_FDCWD : startFd, absolute ? "/" : ".", O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!current.Valid()) {
     return StatusOfErrno();
   }
@@ -461,12 +461,16 @@ FolderFileStatus ResultFolder::Replace(const std::string& name, const std::strin
   if (!temp.Valid()) {
     return Status::kFailed;
   }
-  const bool ready = WriteAll(temp.Get(), text) && ::fsync(temp.Get()) == 0 &&
-                     SetFinalAttributes(temp.Get(), place) && TargetUnchanged(place);
+  const bool written =
+      WriteAll(temp.Get(), text) && ::fsync(temp.Get()) == 0 && SetFinalAttributes(temp.Get(), place);
+  const bool unchanged = written && TargetUnchanged(place);
   // The lock stays held through the rename: the descriptor closes after it.
-  if (!ready || ::renameat(place.folder.Get(), tempName.c_str(), place.folder.Get(), place.name.c_str()) != 0) {
+  if (!unchanged || ::renameat(place.folder.Get(), tempName.c_str(), place.folder.Get(), place.name.c_str()) != 0) {
     ::unlinkat(place.folder.Get(), tempName.c_str(), 0);
-    return Status::kFailed;
+    // Something was put under the name since it was checked: say what it is now.
+    Place now;
+    const Status planted = written && !unchanged ? Locate(native_->folder.Get(), name, now) : Status::kUsable;
+    return planted != Status::kUsable ? planted : Status::kFailed;
   }
   const bool closed = ::close(temp.Release()) == 0;
   SyncFolder(place.folder.Get());
