@@ -77,7 +77,7 @@ int32_t RunSequence(int argc, char** argv, const MachineSource& machine) {
 
   ExitWatchdog watchdog(GPUVET_NOT_IN_WHITELIST, kWatchdogTickCount);
   watchdog.Start();
-  const int32_t runCode = CheckAdapters(options, machine, ReadListFile);
+  const int32_t runCode = CheckAdapters(options, machine, ReadListFileAnew);
   watchdog.Stop();
   return runCode;
 }

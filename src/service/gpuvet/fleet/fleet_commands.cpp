@@ -1,8 +1,13 @@
 #include "fleet/fleet_commands.h"
 
 #include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <optional>
+#include <sstream>
 
 #include "entry.h"
+#include "fleet/impact.h"
 #include "fleet/machine_record.h"
 #include "fleet/snapshot.h"
 #include "platform/atomic_file.h"
@@ -66,11 +71,7 @@ int VerdictCommand(const std::vector<std::string>& args) {
 
   MachineRecord record;
   std::string reason;
-  const bool wasSilenced = PrintSilenced();
-  SilencePrint(true);
-  const bool read = ReadSnapshotFile(args[1], record, reason);
-  SilencePrint(wasSilenced);
-  if (!read) {
+  if (!ReadSnapshotFile(args[1], record, reason)) {
     std::fprintf(stderr, "gpuvet-lists: %s: %s\n", args[1].c_str(), reason.c_str());
     return kStatusUnreadableSnapshot;
   }
@@ -83,6 +84,99 @@ int VerdictCommand(const std::vector<std::string>& args) {
   }
   argv.push_back(nullptr);
   return RunOnMachine(static_cast<int>(gpuvetArgs.size()), argv.data(), RecordedMachine(record));
+}
+
+namespace {
+
+enum class ReportFormat { kText, kJson, kCsv };
+
+void PrintReport(const ImpactSummary& summary, ReportFormat format) {
+  const std::string report = format == ReportFormat::kJson  ? ImpactJson(summary) + "\n"
+                             : format == ReportFormat::kCsv ? ImpactCsv(summary)
+                                                            : ImpactText(summary);
+  std::fwrite(report.data(), 1, report.size(), stdout);
+}
+
+// Every partial summary of the inputs, one a line, merged.
+int Merge(const std::vector<std::string>& inputs, ReportFormat format) {
+  std::optional<ImpactSummary> whole;
+  for (const std::string& input : inputs) {
+    std::ifstream file;
+    if (input != "-") {
+      file.open(input, std::ios::binary);
+      if (!file) {
+        std::fprintf(stderr, "gpuvet-lists: %s: can't be read\n", input.c_str());
+        return kStatusUnreadableSnapshot;
+      }
+    }
+    std::istream& stream = input == "-" ? std::cin : file;
+    uint64_t lineNumber = 0;
+    for (std::string line; std::getline(stream, line);) {
+      ++lineNumber;
+      if (line.find_first_not_of(" \t\r") == std::string::npos) continue;
+      ImpactSummary part;
+      std::string reason;
+      if (!ReadPartial(line, part, reason) || (whole && !MergeSummary(*whole, part, reason))) {
+        std::fprintf(stderr, "gpuvet-lists: %s:%llu: %s\n", input.c_str(),
+                     static_cast<unsigned long long>(lineNumber), reason.c_str());
+        return kStatusUnreadableSnapshot;
+      }
+      if (!whole) whole = std::move(part);
+    }
+  }
+  if (!whole) return Usage("impact --merge: no partial summary in the input");
+  PrintReport(*whole, format);
+  return ImpactStatus(*whole);
+}
+
+}  // namespace
+
+int ImpactCommand(const std::vector<std::string>& args) {
+  ImpactLists lists;
+  ReportFormat format = ReportFormat::kText;
+  bool partial = false;
+  bool merge = false;
+  std::vector<std::string> inputs;
+  for (std::size_t at = 0; at < args.size(); ++at) {
+    const std::string& arg = args[at];
+    const bool takesValue = arg == "--blacklist" || arg == "--whitelist" || arg == "--new-blacklist" ||
+                            arg == "--new-whitelist" || arg == "--gpu" || arg == "--format";
+    if (takesValue && at + 1 >= args.size()) return Usage("impact: " + arg + " needs a value");
+    if (arg == "--blacklist") lists.oldBlack = args[++at];
+    else if (arg == "--whitelist") lists.oldWhite = args[++at];
+    else if (arg == "--new-blacklist") lists.newBlack = args[++at];
+    else if (arg == "--new-whitelist") lists.newWhite = args[++at];
+    else if (arg == "--gpu") lists.gpuIndex = platform::TextToInt(args[++at].c_str());
+    else if (arg == "--format") {
+      const std::string& value = args[++at];
+      if (value != "text" && value != "json" && value != "csv") return Usage("impact: --format takes text, json or csv");
+      format = value == "json" ? ReportFormat::kJson : value == "csv" ? ReportFormat::kCsv : ReportFormat::kText;
+    } else if (arg == "--partial") partial = true;
+    else if (arg == "--merge") merge = true;
+    else if (arg.size() > 1 && arg[0] == '-') return Usage("impact: unknown option " + arg);
+    else inputs.push_back(arg);
+  }
+  if (inputs.empty()) inputs.push_back("-");
+  if (merge) {
+    if (partial) return Usage("impact: --merge and --partial exclude each other");
+    return Merge(inputs, format);
+  }
+  if (lists.oldBlack.empty() && lists.oldWhite.empty() && lists.newBlack.empty() && lists.newWhite.empty()) {
+    return Usage("impact: name the old lists (--blacklist, --whitelist) and the new ones (--new-blacklist, "
+                 "--new-whitelist)");
+  }
+
+  ImpactRun run(lists);
+  ReadSnapshots(
+      inputs, [&run](const MachineRecord& record, const SnapshotPlace& place) { run.AddMachine(record, place); },
+      [&run](const SnapshotPlace& place, const std::string& reason) { run.AddUnreadable(place, reason); });
+  if (partial) {
+    const std::string text = PartialJson(run.Summary());
+    std::fwrite(text.data(), 1, text.size(), stdout);
+  } else {
+    PrintReport(run.Summary(), format);
+  }
+  return ImpactStatus(run.Summary());
 }
 
 }  // namespace gpuvet::fleet

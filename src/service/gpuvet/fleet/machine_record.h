@@ -32,7 +32,8 @@ MachineRecord RecordThisMachine();
 MachineSource RecordedMachine(const MachineRecord& record);
 
 // The adapter list that a run builds from the record's adapters and driver
-// rows; a record whose list differs from it does not hold together.
+// rows, printing the lookup lines; a record whose list differs from it does not
+// hold together.
 AdapterList RebuildAdapterList(const MachineRecord& record);
 
 }  // namespace gpuvet::fleet

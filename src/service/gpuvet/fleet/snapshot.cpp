@@ -10,7 +10,8 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "print.h"
+#include "fleet/json_bytes.h"
+#include "fleet/quiet_print.h"
 
 namespace gpuvet::fleet {
 
@@ -21,61 +22,20 @@ namespace {
 using Json = nlohmann::ordered_json;
 using Value = simdjson::dom::element;
 
-// Every string of a snapshot is kept byte for byte. A JSON string carries text,
-// so bytes that are valid UTF-8 are written as a JSON string, and any other
-// bytes as an object {"hex": "..."} of two lower-case hexadecimal digits per
-// byte. The reader takes both forms wherever a string stands.
-constexpr const char* kHexMember = "hex";
-constexpr const char* kHexDigits = "0123456789abcdef";
-
-Json BytesJson(const std::string& bytes) {
-  if (simdjson::validate_utf8(bytes.data(), bytes.size())) {
-    return bytes;
-  }
-  std::string hex;
-  hex.reserve(bytes.size() * 2);
-  for (const unsigned char byte : bytes) {
-    hex += kHexDigits[byte >> 4];
-    hex += kHexDigits[byte & 0xf];
-  }
-  return Json{{kHexMember, hex}};
-}
-
 // A snapshot that is well-formed JSON but not what the format says.
 struct BadSnapshot : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-int HexValue(char digit) {
-  if (digit >= '0' && digit <= '9') return digit - '0';
-  if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
-  if (digit >= 'A' && digit <= 'F') return digit - 'A' + 10;
-  throw BadSnapshot("a \"hex\" string holds a character that is no hexadecimal digit");
-}
-
 std::string ReadBytes(Value value) {
   if (value.type() != simdjson::dom::element_type::OBJECT) {
     return std::string(std::string_view(value.get_string()));
   }
-  std::string bytes;
-  bool seen = false;
-  for (const auto& field : value.get_object()) {
-    if (field.key != kHexMember) {
-      throw BadSnapshot("a byte string holds a member other than \"hex\"");
-    }
-    const std::string_view hex = field.value.get_string();
-    if (hex.size() % 2 != 0) {
-      throw BadSnapshot("a \"hex\" string has an odd number of digits");
-    }
-    for (std::size_t at = 0; at < hex.size(); at += 2) {
-      bytes += static_cast<char>(HexValue(hex[at]) * 16 + HexValue(hex[at + 1]));
-    }
-    seen = true;
+  const simdjson::dom::object object = value.get_object();
+  if (object.size() != 1) {
+    throw BadSnapshot("a byte string object holds other members than \"hex\"");
   }
-  if (!seen) {
-    throw BadSnapshot("a byte string object without \"hex\"");
-  }
-  return bytes;
+  return BytesFromHex(object[kHexMember].get_string().value());
 }
 
 std::optional<std::string> ReadOptionalBytes(Value value) {
@@ -419,6 +379,7 @@ bool SnapshotReader::Read(const char* text, std::size_t length, std::size_t capa
       throw BadSnapshot("\"format\", \"adapters\", \"driverRows\" and \"census\" are required");
     }
     CheckCensus(record.census);
+    const QuietPrint quiet;
     const AdapterList rebuilt = RebuildAdapterList(record);
     for (std::size_t i = 0; i < rebuilt.size(); ++i) {
       if (!AdapterEntryEqual(rebuilt[i], record.adapters[i])) {
@@ -430,7 +391,7 @@ bool SnapshotReader::Read(const char* text, std::size_t length, std::size_t capa
     return true;
   } catch (const simdjson::simdjson_error& error) {
     reason = std::string("not JSON of the snapshot's shape: ") + error.what();
-  } catch (const BadSnapshot& error) {
+  } catch (const std::runtime_error& error) {
     reason = error.what();
   }
   return false;

@@ -22,7 +22,10 @@ constexpr const char* kUsage =
     "       gpuvet-lists explain [--gpu N] [--blacklist FILE] [--whitelist FILE] [--result DIR] [--recheck N]\n"
     "                            [--format text|json]\n"
     "       gpuvet-lists snapshot [-o FILE]\n"
-    "       gpuvet-lists verdict --snapshot FILE [gpuvet's options]\n";
+    "       gpuvet-lists verdict --snapshot FILE [gpuvet's options]\n"
+    "       gpuvet-lists impact --blacklist F --whitelist F --new-blacklist F --new-whitelist F [--gpu N]\n"
+    "                           [--format text|json|csv] [--partial] [SNAPSHOT... | -]\n"
+    "       gpuvet-lists impact --merge PARTIAL... [--format text|json|csv]\n";
 
 int Usage(const std::string& why) {
   std::fprintf(stderr, "gpuvet-lists: %s\n%s", why.c_str(), kUsage);
@@ -145,6 +148,7 @@ int ListsMain(int argc, char** argv) {
   const std::vector<std::string> rest(argv + std::min(argc, 2), argv + argc);
   if (command == "snapshot") return fleet::SnapshotCommand(rest);
   if (command == "verdict") return fleet::VerdictCommand(rest);
+  if (command == "impact") return fleet::ImpactCommand(rest);
   if (command == "--help" || command == "-h") {
     std::fputs(kUsage, stdout);
     return 0;

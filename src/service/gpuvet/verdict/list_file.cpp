@@ -66,4 +66,8 @@ ListFile ReadListFile(const char* path, const char* rootName) {
   return list;
 }
 
+std::shared_ptr<const ListFile> ReadListFileAnew(const char* path, const char* rootName) {
+  return std::make_shared<const ListFile>(ReadListFile(path, rootName));
+}
+
 }  // namespace gpuvet

@@ -21,7 +21,7 @@ bool IsOldDriver(const std::string& driverDate) {
 }
 
 int32_t RunVerdict(const AdapterEntry& selected) {
-  return RunVerdict(selected, g_runOptions, ThisMachine(), ReadListFile);
+  return RunVerdict(selected, g_runOptions, ThisMachine(), ReadListFileAnew);
 }
 
 int32_t RunVerdict(const AdapterEntry& selected, const RunOptions& options, const MachineSource& machine,
