@@ -37,7 +37,7 @@ int ParseCommandLine(int argc, char** argv, const MachineSource& machine) {
       options.noTest = true;
     }
     if (IsOption(argv[index], "--details")) {
-      AddCensusToTable(machine.takeCensus());
+      AddCensusToTable(*machine.takeCensus());
     }
     if (IsOption(argv[index], "--blacklist") && ++index < argc) {
       platform::StorePathValue(argv[index], options.blackListPath);

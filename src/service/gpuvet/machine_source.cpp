@@ -3,7 +3,8 @@
 namespace gpuvet {
 
 MachineSource ThisMachine() {
-  return MachineSource{QDXGetAdapterInfos, platform::QueryDriverRows, CountClPlatforms, TakeClCensus};
+  return MachineSource{QDXGetAdapterInfos, platform::QueryDriverRows, CountClPlatforms,
+                       [] { return std::make_shared<const DeviceCensus>(TakeClCensus()); }};
 }
 
 }  // namespace gpuvet

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <vector>
 
 #include "opencl/device_census.h"
@@ -20,7 +21,8 @@ struct MachineSource {
   // False when no rows can be had.
   std::function<bool(std::vector<platform::DriverRow>&)> driverRows;
   std::function<uint32_t()> countPlatforms;
-  std::function<DeviceCensus()> takeCensus;
+  // Shared, so that a recorded census is handed out without a copy.
+  std::function<std::shared_ptr<const DeviceCensus>()> takeCensus;
 };
 
 // The machine the process runs on.

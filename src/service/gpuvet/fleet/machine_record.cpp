@@ -43,8 +43,8 @@ MachineSource SourceOf(const std::vector<qdx::platform::AdapterInfo_>& records,
     return true;
   };
   source.countPlatforms = [count = census.platformCount] { return count; };
-  source.takeCensus = [census] {
-    PrintCensus(census);
+  source.takeCensus = [census = std::make_shared<const DeviceCensus>(census)] {
+    PrintCensus(*census);
     return census;
   };
   return source;
@@ -69,7 +69,7 @@ MachineRecord RecordThisMachine() {
   CollectAdapters(record.adapters, SourceOf(records, {}, record.driverRows, {}));
   // In the order of a run: the count, then the census.
   const uint32_t platformCount = machine.countPlatforms();
-  record.census = machine.takeCensus();
+  record.census = *machine.takeCensus();
   record.census.platformCount = platformCount;
   SilencePrint(false);
   return record;

@@ -78,7 +78,7 @@ int PrintItems(int32_t gpuIndex, ListKind wrapIn) {
                  adapters.size());
     return 1;
   }
-  const DeviceCensus census = machine.takeCensus();
+  const DeviceCensus census = *machine.takeCensus();
   if (!census.platformListFailed) {  // else no platform at all: no device
     AddCensusToTable(census);
   }

@@ -35,7 +35,7 @@ int32_t RunVerdict(const AdapterEntry& selected, const RunOptions& options, cons
     return GPUVET_NO_PLATFORM;
   }
 
-  AddCensusToTable(machine.takeCensus());
+  AddCensusToTable(*machine.takeCensus());
 
   Print("check platforms begin\n");
   const int32_t gpuIndex = options.gpuIndex;
