@@ -39,7 +39,7 @@ report=$build/report.md
     "$lister" impact "${lists[@]}" "$fleet/fleet.jsonl" > /dev/null || true
   start=$(date +%s.%N)
   parallel --pipepart -a "$fleet/fleet.jsonl" --block -1 -j "$(nproc)" \
-    "$lister" impact "${lists[@]}" --partial - > "$fleet/parts.jsonl" || true
+    "$lister" impact "${lists[@]}" --partial --input-name 'part{#}' - > "$fleet/parts.jsonl" || true
   "$lister" impact --merge "$fleet/parts.jsonl" > /dev/null || true
   echo "gpuvet-lists impact split over $(nproc) cores with GNU parallel, then merged:" \
     "$(echo "$(date +%s.%N) - $start" | bc) s wall"

@@ -136,11 +136,13 @@ int ImpactCommand(const std::vector<std::string>& args) {
   ReportFormat format = ReportFormat::kText;
   bool partial = false;
   bool merge = false;
+  std::string inputName = "-";
   std::vector<std::string> inputs;
   for (std::size_t at = 0; at < args.size(); ++at) {
     const std::string& arg = args[at];
     const bool takesValue = arg == "--blacklist" || arg == "--whitelist" || arg == "--new-blacklist" ||
-                            arg == "--new-whitelist" || arg == "--gpu" || arg == "--format";
+                            arg == "--new-whitelist" || arg == "--gpu" || arg == "--format" ||
+                            arg == "--input-name";
     if (takesValue && at + 1 >= args.size()) return Usage("impact: " + arg + " needs a value");
     if (arg == "--blacklist") lists.oldBlack = args[++at];
     else if (arg == "--whitelist") lists.oldWhite = args[++at];
@@ -151,7 +153,8 @@ int ImpactCommand(const std::vector<std::string>& args) {
       const std::string& value = args[++at];
       if (value != "text" && value != "json" && value != "csv") return Usage("impact: --format takes text, json or csv");
       format = value == "json" ? ReportFormat::kJson : value == "csv" ? ReportFormat::kCsv : ReportFormat::kText;
-    } else if (arg == "--partial") partial = true;
+    } else if (arg == "--input-name") inputName = args[++at];
+    else if (arg == "--partial") partial = true;
     else if (arg == "--merge") merge = true;
     else if (arg.size() > 1 && arg[0] == '-') return Usage("impact: unknown option " + arg);
     else inputs.push_back(arg);
@@ -169,7 +172,7 @@ int ImpactCommand(const std::vector<std::string>& args) {
   ImpactRun run(lists);
   ReadSnapshots(
       inputs, [&run](const MachineRecord& record, const SnapshotPlace& place) { run.AddMachine(record, place); },
-      [&run](const SnapshotPlace& place, const std::string& reason) { run.AddUnreadable(place, reason); });
+      [&run](const SnapshotPlace& place, const std::string& reason) { run.AddUnreadable(place, reason); }, inputName);
   if (partial) {
     const std::string text = PartialJson(run.Summary());
     std::fwrite(text.data(), 1, text.size(), stdout);

@@ -15,7 +15,7 @@ int SnapshotCommand(const std::vector<std::string>& args);
 // verdict --snapshot FILE [gpuvet's options]
 int VerdictCommand(const std::vector<std::string>& args);
 // impact --blacklist F --whitelist F --new-blacklist F --new-whitelist F [--gpu N]
-//        [--format text|json|csv] [--partial] [SNAPSHOT... | -]
+//        [--format text|json|csv] [--partial] [--input-name NAME] [SNAPSHOT... | -]
 // impact --merge PARTIAL... [--format text|json|csv]
 int ImpactCommand(const std::vector<std::string>& args);
 

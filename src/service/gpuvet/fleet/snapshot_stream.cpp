@@ -84,13 +84,13 @@ std::string PlaceText(const SnapshotPlace& place) {
 }
 
 void ReadSnapshots(const std::vector<std::string>& inputs, const MachineHandler& onMachine,
-                   const UnreadableHandler& onUnreadable) {
+                   const UnreadableHandler& onUnreadable, const std::string& stdinName) {
   SnapshotReader reader;
   MachineRecord record;
   std::string reason;
   for (const std::string& input : inputs) {
     if (input == kStandardInput) {
-      ReadJsonLines(stdin, input, reader, onMachine, onUnreadable);
+      ReadJsonLines(stdin, stdinName, reader, onMachine, onUnreadable);
     } else if (EndsWith(input, kJsonLinesSuffix)) {
       const File file(std::fopen(input.c_str(), "rb"));
       if (!file) {

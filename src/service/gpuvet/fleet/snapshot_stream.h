@@ -26,7 +26,8 @@ using UnreadableHandler = std::function<void(const SnapshotPlace& place, const s
 // a file of one snapshot. JSON Lines are read block by block, so memory does
 // not grow with the number of machines. An input that can't be opened counts
 // as one unreadable snapshot.
+// Places in standard input are named stdinName.
 void ReadSnapshots(const std::vector<std::string>& inputs, const MachineHandler& onMachine,
-                   const UnreadableHandler& onUnreadable);
+                   const UnreadableHandler& onUnreadable, const std::string& stdinName = "-");
 
 }  // namespace gpuvet::fleet

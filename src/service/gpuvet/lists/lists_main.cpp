@@ -24,7 +24,7 @@ constexpr const char* kUsage =
     "       gpuvet-lists snapshot [-o FILE]\n"
     "       gpuvet-lists verdict --snapshot FILE [gpuvet's options]\n"
     "       gpuvet-lists impact --blacklist F --whitelist F --new-blacklist F --new-whitelist F [--gpu N]\n"
-    "                           [--format text|json|csv] [--partial] [SNAPSHOT... | -]\n"
+    "                           [--format text|json|csv] [--partial] [--input-name NAME] [SNAPSHOT... | -]\n"
     "       gpuvet-lists impact --merge PARTIAL... [--format text|json|csv]\n";
 
 int Usage(const std::string& why) {
