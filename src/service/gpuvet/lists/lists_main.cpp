@@ -7,6 +7,7 @@
 
 #include "fleet/fleet_commands.h"
 #include "lists/explain.h"
+#include "lists/fleet_lint.h"
 #include "lists/items.h"
 #include "lists/lint.h"
 #include "platform/runtime_text.h"
@@ -17,7 +18,7 @@ namespace {
 constexpr int kUsageStatus = 3;
 
 constexpr const char* kUsage =
-    "usage: gpuvet-lists lint [--black | --white] [--format text|json] FILE...\n"
+    "usage: gpuvet-lists lint [--black | --white] [--format text|json] [--fleet SNAPSHOTS [--gpu N]]... FILE...\n"
     "       gpuvet-lists items [--gpu N] [--white | --black]\n"
     "       gpuvet-lists explain [--gpu N] [--blacklist FILE] [--whitelist FILE] [--result DIR] [--recheck N]\n"
     "                            [--format text|json]\n"
@@ -61,9 +62,18 @@ int Lint(Arguments args) {
   ListKind kind = ListKind::kEither;
   bool json = false;
   std::vector<std::string> files;
+  std::vector<std::string> fleet;
+  int32_t gpuIndex = -1;
   while (!args.Done()) {
     const std::string arg = args.Next();
-    if (arg == "--black" || arg == "--white") {
+    std::string value;
+    if ((arg == "--fleet" || arg == "--gpu") && !args.Value(value)) {
+      return Usage(arg + " needs a value");
+    } else if (arg == "--fleet") {
+      fleet.push_back(value);
+    } else if (arg == "--gpu") {
+      gpuIndex = platform::TextToInt(value.c_str());
+    } else if (arg == "--black" || arg == "--white") {
       kind = arg == "--black" ? ListKind::kBlack : ListKind::kWhite;
     } else if (arg == "--format") {
       if (!ReadFormat(args, json)) return Usage("--format takes text or json");
@@ -85,6 +95,11 @@ int Lint(Arguments args) {
     }
     findings.insert(findings.end(), result.findings.begin(), result.findings.end());
   }
+  uint64_t unreadable = 0;
+  if (!fleet.empty()) {
+    const std::vector<Finding> undecided = FleetFindings(files, kind, fleet, gpuIndex, unreadable);
+    findings.insert(findings.end(), undecided.begin(), undecided.end());
+  }
   if (json) {
     std::printf("%s\n", FindingsJson(findings).c_str());
   } else {
@@ -92,7 +107,7 @@ int Lint(Arguments args) {
       std::printf("%s\n", FormatFinding(finding).c_str());
     }
   }
-  return unopened ? kUsageStatus : FindingsStatus(findings);
+  return unopened || unreadable > 0 ? kUsageStatus : FindingsStatus(findings);
 }
 
 int Items(Arguments args) {
