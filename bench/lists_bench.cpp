@@ -1,5 +1,5 @@
-// Times the black list and white list tests beside the tinyxml2 parse of the
-// same file, on generated lists of growing size.
+// Times the black list and white list tests, and gpuvet-lists lint, each beside
+// the tinyxml2 parse of the same file, on generated lists of growing size.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <tinyxml2.h>
@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "lists/lint.h"
 #include "opencl/cl_device_key.h"
 #include "verdict/black_list.h"
 #include "verdict/white_list.h"
@@ -53,23 +54,25 @@ class GeneratedFiles {
       std::filesystem::remove(path);
     }
   }
-  // Writes, once per size and root, a list of itemCount items in random order.
-  const std::string& Get(const char* root, int itemCount) {
-    const std::string name = std::string(root) + "_" + std::to_string(itemCount) + ".xml";
+  // Writes, once per size, root and kind, a list of itemCount items in random
+  // order; with repeats, one item in ten repeats an earlier one.
+  const std::string& Get(const char* root, int itemCount, bool repeats = true) {
+    const std::string name =
+        std::string(root) + "_" + std::to_string(itemCount) + (repeats ? "" : "_distinct") + ".xml";
     auto found = paths_.find(name);
     if (found == paths_.end()) {
-      found = paths_.emplace(name, Write(root, itemCount, name)).first;
+      found = paths_.emplace(name, Write(root, itemCount, repeats, name)).first;
     }
     return found->second;
   }
 
  private:
-  static std::string Write(const char* root, int itemCount, const std::string& name) {
+  static std::string Write(const char* root, int itemCount, bool repeats, const std::string& name) {
     std::mt19937 random(kSeed);
     std::vector<ClDeviceKey> items;
     items.reserve(itemCount);
     for (int number = 0; number < itemCount; ++number) {
-      const bool repeat = number % kDuplicateEvery == kDuplicateEvery - 1;
+      const bool repeat = repeats && number % kDuplicateEvery == kDuplicateEvery - 1;
       items.push_back(repeat ? items[random() % items.size()] : GeneratedItem(number, random));
     }
     std::shuffle(items.begin(), items.end(), random);
@@ -124,11 +127,21 @@ class SilencedStdout {
   int saved_;
 };
 
-void BM_ParseOnly(benchmark::State& state) {
-  const std::string path = Files().Get("BlackList", static_cast<int>(state.range(0)));
+void BM_ParseOnly(benchmark::State& state, const char* root, bool repeats) {
+  const std::string path = Files().Get(root, static_cast<int>(state.range(0)), repeats);
   for (auto _ : state) {
     tinyxml2::XMLDocument document(true, tinyxml2::PRESERVE_WHITESPACE);
     benchmark::DoNotOptimize(document.LoadFile(path.c_str()));
+  }
+  state.SetComplexityN(state.range(0));
+}
+
+// gpuvet-lists lint of a white list of distinct items: the white list's checks
+// are the most work.
+void BM_Lint(benchmark::State& state) {
+  const std::string path = Files().Get("WhiteList", static_cast<int>(state.range(0)), false);
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(gpuvet::lists::LintListFile(path, gpuvet::lists::ListKind::kWhite));
   }
   state.SetComplexityN(state.range(0));
 }
@@ -153,7 +166,9 @@ void Sizes(benchmark::internal::Benchmark* family) {
   family->Unit(benchmark::kMillisecond)->Complexity(benchmark::oNLogN);
 }
 
-BENCHMARK(BM_ParseOnly)->Apply(Sizes);
+BENCHMARK_CAPTURE(BM_ParseOnly, BlackList, "BlackList", true)->Apply(Sizes);
+BENCHMARK_CAPTURE(BM_ParseOnly, DistinctWhiteList, "WhiteList", false)->Apply(Sizes);
+BENCHMARK(BM_Lint)->Apply(Sizes);
 BENCHMARK_CAPTURE(BM_ListTest, IsInBlackList, gpuvet::IsInBlackList, "BlackList")->Apply(Sizes);
 BENCHMARK_CAPTURE(BM_ListTest, IsInWhiteList, gpuvet::IsInWhiteList, "WhiteList")->Apply(Sizes);
 
@@ -163,6 +178,7 @@ void WarmUp() {
   tinyxml2::XMLDocument document(true, tinyxml2::PRESERVE_WHITESPACE);
   document.LoadFile(Files().Get("BlackList", static_cast<int>(kMostItems)).c_str());
   Files().Get("WhiteList", static_cast<int>(kMostItems));
+  Files().Get("WhiteList", static_cast<int>(kMostItems), false);
 }
 
 }  // namespace

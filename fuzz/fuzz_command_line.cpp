@@ -1,32 +1,18 @@
-// Feeds arbitrary argument vectors through the command line parse. The input is
-// split at NUL bytes into arguments. --blankrun never returns and --details
-// asks OpenCL, so elements naming them are left out.
-#include <unistd.h>
-
+// Feeds arbitrary argument vectors through the command line reading. The input
+// is split at NUL bytes into arguments. The reading carries out nothing, so
+// every element may stand in it; what it finds must hold together.
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "command_line.h"
-#include "platform/process.h"
 #include "platform/runtime_text.h"
-#include "run_options.h"
 
 namespace {
 
-// The run ends here in production; the fuzzer goes on with the next input.
-struct InvalidParameterStop {};
-
-void ThrowInvalidParameter() {
-  throw InvalidParameterStop{};
-}
-
-bool IsLeftOut(const std::string& argument) {
-  return platform::CompareIgnoreCase(argument.c_str(), "--blankrun") == 0 ||
-         platform::CompareIgnoreCase(argument.c_str(), "--details") == 0;
-}
+using gpuvet::CommandLine;
+using gpuvet::CommandLineAction;
 
 std::vector<std::string> SplitArguments(const uint8_t* data, size_t size) {
   std::vector<std::string> arguments = {"gpuvet"};
@@ -43,44 +29,34 @@ std::vector<std::string> SplitArguments(const uint8_t* data, size_t size) {
   return arguments;
 }
 
-void CheckPath(const std::string& path) {
-  if (path.size() > platform::kMaxPathValueBytes) {
+void Check(bool holds) {
+  if (!holds) {
     std::abort();
   }
+}
+
+bool EndsThePass(CommandLineAction action) {
+  return action == CommandLineAction::kBlankRun || action == CommandLineAction::kInvalidParameter;
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-  platform::SetInvalidParameterHandler(ThrowInvalidParameter);
-  // --help prints; the usage lines are of no interest here.
-  if (std::freopen("/dev/null", "w", stdout) == nullptr) {
-    std::abort();
-  }
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<std::string> arguments = SplitArguments(data, size);
+  std::vector<const char*> argv;
   for (const std::string& argument : arguments) {
-    if (IsLeftOut(argument)) {
-      return 0;
-    }
-  }
-  std::vector<char*> argv;
-  for (std::string& argument : arguments) {
-    argv.push_back(argument.data());
+    argv.push_back(argument.c_str());
   }
   argv.push_back(nullptr);
 
-  gpuvet::g_runOptions = gpuvet::RunOptions{};
-  try {
-    gpuvet::ParseCommandLine(static_cast<int>(arguments.size()), argv.data());
-  } catch (const InvalidParameterStop&) {
-    return 0;
+  const CommandLine line = gpuvet::ReadCommandLine(static_cast<int>(arguments.size()), argv.data());
+  for (const std::string* path : {&line.options.blackListPath, &line.options.whiteListPath, &line.options.resultDir}) {
+    Check(path->size() <= gpuvet::platform::kMaxPathValueBytes);
   }
-  CheckPath(gpuvet::g_runOptions.blackListPath);
-  CheckPath(gpuvet::g_runOptions.whiteListPath);
-  CheckPath(gpuvet::g_runOptions.resultDir);
+  // Only the last action may end the pass, and each element gives at most two.
+  for (std::size_t i = 0; i + 1 < line.actions.size(); ++i) {
+    Check(!EndsThePass(line.actions[i]));
+  }
+  Check(line.actions.size() <= 2 * arguments.size());
   return 0;
 }

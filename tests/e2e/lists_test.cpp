@@ -19,6 +19,14 @@ IcdDevice AmdDevice() {
   return device;
 }
 
+// A vendor without a PCI id: its vendor id is one that Khronos assigns.
+IcdDevice KhronosVendorDevice() {
+  IcdDevice device = NvidiaDevice();
+  device.vendorId = 0x10006;
+  device.name = "cpu-haswell";
+  return device;
+}
+
 class ListsTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -45,7 +53,7 @@ class ListsTest : public ::testing::Test {
 
 TEST_F(ListsTest, ItemsRoundTripThroughBothLists) {
   DriverDated("2018-01-01");
-  Devices({NvidiaDevice(), AmdDevice()});
+  Devices({NvidiaDevice(), AmdDevice(), KhronosVendorDevice()});
   for (const bool withGpu : {true, false}) {
     const std::vector<std::string> gpu = withGpu ? std::vector<std::string>{"--gpu", "0"} : std::vector<std::string>{};
     for (const auto& [kind, option, status] : {std::tuple{"--black", "--blacklist", kStatusInBlackList},
@@ -79,6 +87,7 @@ struct ExplainCase {
   std::vector<std::string> args;
   int status;
   std::string says;
+  std::string alsoSays = "";
 };
 
 void PrintTo(const ExplainCase& explainCase, std::ostream* out) { *out << explainCase.name; }
@@ -107,6 +116,7 @@ TEST_P(ExplainTest, EndsWithGpuvetsStatus) {
   EXPECT_EQ(gpuvet.status, param.status) << gpuvet.out;
   EXPECT_EQ(explained.status, gpuvet.status) << explained.out;
   EXPECT_THAT(explained.out, HasSubstr(param.says));
+  EXPECT_THAT(explained.out, HasSubstr(param.alsoSays));
   EXPECT_EQ(explained.out.find("gpuvet begin"), std::string::npos) << "gpuvet's log in the explanation";
 }
 
@@ -132,9 +142,9 @@ INSTANTIATE_TEST_SUITE_P(
                     kGpu0, kStatusOk, "differs first in DriverVersion: item \"535.183.02\", device \"535.183.01\""},
         ExplainCase{"WhiteListMissByteOrder", "2018-01-01", {NvidiaDevice()}, {}, {Nvidia("9.0")}, kGpu0,
                     kStatusNotInWhiteList, "\"535.183.01\" of the device is below \"9.0\", compared byte by byte: "
-                                           "byte 1: '5' is below '9'"},
+                                           "byte 1: \"5\" is below \"9\""},
         ExplainCase{"WhiteListMissOnCase", "", {NvidiaDevice()}, {}, {CaseOf(NvidiaDevice())}, {},
-                    kStatusNotInWhiteListOldDriver, "differs in case"},
+                    kStatusNotInWhiteListOldDriver, "differs in case", "white list: miss: the device is not admitted"},
         ExplainCase{"OldDriver", "2017-12-31", {NvidiaDevice()}, {}, {NvidiaDevice()}, kGpu0, kStatusOldDriver,
                     "driver date: old"},
         ExplainCase{"Passes", "2018-01-01", {NvidiaDevice()}, {AmdDevice()}, {NvidiaDevice()}, {}, kStatusOk,
@@ -145,6 +155,46 @@ INSTANTIATE_TEST_SUITE_P(
         ExplainCase{"NoSuchAdapter", "", {NvidiaDevice()}, {}, {}, {"--gpu", "4"}, kStatusNoPlatform,
                     "adapter: none selected"}),
     [](const auto& info) { return std::string(info.param.name); });
+
+// explain reads gpuvet's command line with gpuvet's own pass: each form means
+// what it means to gpuvet and ends with gpuvet's status. "W" stands for a white
+// list that refuses the machine's device.
+TEST_F(ListsTest, ExplainReadsEveryCommandLineAsGpuvetDoes) {
+  DriverDated("2018-01-01");
+  Devices({NvidiaDevice()});
+  const std::string white = machine_.WriteFile("white.xml", ListFileText("WhiteList", {AmdDevice()}));
+  const struct {
+    std::vector<std::string> args;
+    int status;
+    std::string says;
+  } forms[] = {
+      {{"--GPU", "0", "--WhiteList", "W"}, kStatusNotInWhiteList, "command line: adapter 0"},
+      {{"--gpu", "0"}, kStatusOk, "white list: no --whitelist"},
+      {{"--blacklist", "--whitelist", "W", "--gpu", "0"}, kStatusNotInWhiteList, "black list \"--whitelist\""},
+      {{"--whitelist", "--blacklist", "W", "--gpu", "0"}, kStatusNotInWhiteList, "white list \"--blacklist\""},
+      {{"--help", "--gpu", "0", "--whitelist", "W"}, kStatusNotInWhiteList, "--help: gpuvet prints its usage"},
+      {{"--details", "--gpu", "0"}, kStatusOk, "--details: gpuvet prints the OpenCL census"},
+      {{"--gpu", "0", "--result"}, kStatusInvalidParameter, "_invalid_parameter"},
+      {{"--help", "--whitelist"}, kStatusInvalidParameter, "_invalid_parameter"},
+      {{"--gpu", "0", "--blacklist", std::string(2048, 'b')}, kStatusInvalidParameter, "longer than 2047 bytes"},
+      {{"--notest", "--gpu", "0"}, kStatusNoTest, "--notest: nothing is tested"},
+      {{"--whitelist", "W", "--recheck", "--gpu", "0"}, kStatusNotInWhiteList, "command line: no adapter named"},
+      {{"--gpu=0", "--whitelist", "W"}, kStatusNotInWhiteList, "no adapter named"},
+      {{"--gpu", "abc"}, kStatusOk, "adapter: adapter 0 \"GP104"},
+      {{"--gpu", "9"}, kStatusNoPlatform, "adapter: none selected"},
+  };
+  for (const auto& form : forms) {
+    std::vector<std::string> args = form.args;
+    std::replace(args.begin(), args.end(), std::string("W"), white);
+    std::vector<std::string> explain = args;
+    explain.insert(explain.begin(), "explain");
+    const RunResult explained = Lists(explain);
+    const std::string shown = ::testing::PrintToString(form.args).substr(0, 100);
+    EXPECT_EQ(machine_.RunGpuvet(args).status, form.status) << shown;
+    EXPECT_EQ(explained.status, form.status) << shown << "\n" << explained.out << explained.err;
+    EXPECT_THAT(explained.out, HasSubstr(form.says)) << shown;
+  }
+}
 
 // A stored verdict answers explain as it answers gpuvet; explain itself stores none.
 TEST_F(ListsTest, ExplainAnswersFromTheStore) {

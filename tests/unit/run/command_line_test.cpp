@@ -70,6 +70,38 @@ TEST(ParseCommandLine, HelpPrintsTheUsageEveryTimeEvenAsAValue) {
   EXPECT_EQ(parsed.resultDir, "--help");
 }
 
+// The reading alone carries out nothing: it finds the actions, in the order a
+// run carries them out, and stops where a run would stop.
+TEST(ReadCommandLine, FindsTheActionsInOrderAndStopsWhereTheRunStops) {
+  using A = CommandLineAction;
+  const struct {
+    std::vector<std::string> args;
+    std::vector<CommandLineAction> actions;
+    RunOptions options;
+  } cases[] = {
+      {{"--details", "--HELP", "--details"}, {A::kDetails, A::kHelp, A::kDetails}, {}},
+      {{"--result", "--help", "--gpu", "2"}, {A::kHelp}, {"", "", "--help", false, 2, false}},
+      {{"--details", "--blankrun", "--notest", "--help"}, {A::kDetails, A::kBlankRun}, {}},
+      {{"--help", "--gpu"}, {A::kHelp, A::kInvalidParameter}, {}},
+      {{"--notest", "--recheck"}, {A::kInvalidParameter}, {"", "", "", false, -1, true}},
+      {{"--gpu", "1", "--whitelist", std::string(2048, 'w'), "--help"}, {A::kInvalidParameter},
+       {"", "", "", false, 1, false}},
+      {{"--blacklist", "--blankrun"}, {A::kBlankRun}, {"--blankrun", "", "", false, -1, false}},
+  };
+  for (const auto& c : cases) {
+    std::vector<const char*> argv = {"gpuvet"};
+    for (const std::string& arg : c.args) {
+      argv.push_back(arg.c_str());
+    }
+    argv.push_back(nullptr);
+    testing::internal::CaptureStdout();
+    const CommandLine line = ReadCommandLine(static_cast<int>(argv.size()) - 1, argv.data());
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(line.actions, c.actions) << testing::PrintToString(c.args).substr(0, 80);
+    EXPECT_EQ(Fields(line.options), Fields(c.options)) << testing::PrintToString(c.args).substr(0, 80);
+  }
+}
+
 // A value option that stands last, or a path too long for the buffer, ends the
 // process with the invalid parameter code.
 TEST(ParseCommandLineDeathTest, EndsWithInvalidParameter) {

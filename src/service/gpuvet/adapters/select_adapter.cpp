@@ -16,6 +16,10 @@ std::size_t DefaultAdapterPosition(const AdapterList& adapters) {
 
 }  // namespace
 
+std::size_t SelectedPosition(int32_t gpuIndex, const AdapterList& adapters) {
+  return gpuIndex >= 0 ? static_cast<std::size_t>(gpuIndex) : DefaultAdapterPosition(adapters);
+}
+
 int32_t SelectAdapter(int32_t gpuIndex, const AdapterList& adapters, AdapterEntry& selected) {
   Print("Adapter: %d\n", gpuIndex);
   const bool indexBeyondEnd = gpuIndex >= 0 && static_cast<std::size_t>(gpuIndex) >= adapters.size();
@@ -23,8 +27,7 @@ int32_t SelectAdapter(int32_t gpuIndex, const AdapterList& adapters, AdapterEntr
     Print("error  index [%d] infos.size[%zu]\n", gpuIndex, adapters.size());
     return -1;
   }
-  const std::size_t position = gpuIndex >= 0 ? static_cast<std::size_t>(gpuIndex) : DefaultAdapterPosition(adapters);
-  selected = adapters[position];
+  selected = adapters[SelectedPosition(gpuIndex, adapters)];
   PrintAdapterLine(selected);
   return 0;
 }

@@ -6,6 +6,7 @@
 #include <optional>
 #include <sstream>
 
+#include "command_line.h"
 #include "entry.h"
 #include "fleet/impact.h"
 #include "fleet/machine_record.h"
@@ -58,15 +59,21 @@ int SnapshotCommand(const std::vector<std::string>& args) {
 }
 
 // The rest of the command line is gpuvet's, read by gpuvet's own pass. A
-// recorded machine has no result folder of its own: --result is refused.
+// recorded machine has no result folder of its own: a command line that names
+// one is refused.
 int VerdictCommand(const std::vector<std::string>& args) {
   if (args.size() < 2 || args[0] != "--snapshot") {
     return Usage("verdict: usage: verdict --snapshot FILE [gpuvet's options]");
   }
-  for (std::size_t at = 2; at < args.size(); ++at) {
-    if (platform::CompareIgnoreCase(args[at].c_str(), "--result") == 0) {
-      return Usage("verdict: a recorded machine's verdict reads and writes no result file: leave out --result");
-    }
+  std::vector<std::string> gpuvetArgs = {"gpuvet"};
+  gpuvetArgs.insert(gpuvetArgs.end(), args.begin() + 2, args.end());
+  std::vector<char*> argv;
+  for (std::string& arg : gpuvetArgs) {
+    argv.push_back(arg.data());
+  }
+  argv.push_back(nullptr);
+  if (!ReadCommandLine(static_cast<int>(gpuvetArgs.size()), argv.data()).options.resultDir.empty()) {
+    return Usage("verdict: a recorded machine's verdict reads and writes no result file: leave out --result");
   }
 
   MachineRecord record;
@@ -76,13 +83,6 @@ int VerdictCommand(const std::vector<std::string>& args) {
     return kStatusUnreadableSnapshot;
   }
 
-  std::vector<std::string> gpuvetArgs = {"gpuvet"};
-  gpuvetArgs.insert(gpuvetArgs.end(), args.begin() + 2, args.end());
-  std::vector<char*> argv;
-  for (std::string& arg : gpuvetArgs) {
-    argv.push_back(arg.data());
-  }
-  argv.push_back(nullptr);
   return RunOnMachine(static_cast<int>(gpuvetArgs.size()), argv.data(), RecordedMachine(record));
 }
 

@@ -1,13 +1,12 @@
 #include "lists/explain.h"
 
 #include <CL/opencl.hpp>
-#include <tinyxml2.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
-#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -17,8 +16,10 @@
 #include "entry.h"
 #include "exit_codes.h"
 #include "exit_watchdog.h"
+#include "lists/describe.h"
 #include "lists/text_compare.h"
 #include "opencl/cl_device_key.h"
+#include "opencl/device_census.h"
 #include "platform/process.h"
 #include "print.h"
 #include "result_serialize.h"
@@ -30,6 +31,13 @@
 namespace gpuvet::lists {
 namespace {
 
+// Items of one device named in the evidence before the rest is only counted.
+constexpr std::size_t kMostItemsShown = 5;
+// The closest names are measured on this many bytes of each: enough to tell
+// names apart, and a hostile list of long names costs no more than short ones.
+constexpr std::size_t kComparedNameBytes = 64;
+constexpr std::size_t kClosestNames = 3;
+
 // One step of the run, said in words: what it came to and why.
 struct Step {
   std::string name;
@@ -37,58 +45,118 @@ struct Step {
   std::vector<std::string> evidence;
 };
 
-struct ItemAt {
-  int line = 0;
-  ClDeviceKey key;
+// Where the run ended, and what it had learnt by then.
+enum class RunEnd { kCommandLine, kNoTest, kNoAdapter, kStored, kVerdict, kException };
+
+struct RunFacts {
+  RunEnd end = RunEnd::kCommandLine;
+  AdapterList adapters;
+  std::size_t position = 0;
+  AdapterEntry selected;
+  StoredVerdict stored = StoredVerdict::kNoAdapterNamed;
+  AdapterResult found;
+  bool noPlatform = false;
+  ListFile black;
+  ListFile white;
+  bool blackRead = false;
+  bool whiteRead = false;
 };
 
-// A list file read with gpuvet's reading, each item with its line.
-struct ListWithLines {
-  bool read = false;
-  std::string why;  // when not read
-  std::vector<ItemAt> items;
-};
-
-ListWithLines ReadWithLines(const std::string& path, const char* rootName) {
-  ListWithLines list;
-  const std::unique_ptr<tinyxml2::XMLDocument> document = NewListDocument();
-  if (document->LoadFile(path.c_str()) != tinyxml2::XML_SUCCESS) {
-    list.why = std::string("it does not load as XML (") + document->ErrorName() + ")";
-    return list;
-  }
-  const tinyxml2::XMLElement* root = document->FirstChildElement();
-  if (root == nullptr || std::string(root->Value()) != rootName) {
-    list.why = std::string("its root is not <") + rootName + ">";
-    return list;
-  }
-  list.read = true;
-  for (const tinyxml2::XMLElement* item = FirstItem(*root); item != nullptr; item = NextItem(*item)) {
-    list.items.push_back({item->GetLineNum(), ReadItem(*item)});
-  }
-  return list;
+cl_uint CountPlatforms() {
+  cl_uint count = 0;
+  clGetPlatformIDs(0, nullptr, &count);
+  return count;
 }
 
-std::string KeyText(const ClDeviceKey& key) {
-  return Quoted(key.DeviceName) + " VID " + std::to_string(key.VID) + ", " + Quoted(key.OpenCLCVersion) + ", " +
-         Quoted(key.DeviceVersion) + ", " + Quoted(key.DriverVersion);
+// The part of a run that the watchdog guards, as gpuvet's entry makes it, but
+// that nothing is stored.
+int32_t CheckAdapters(const RunOptions& options, RunFacts& facts) {
+  CollectAdapters(facts.adapters);
+  facts.end = RunEnd::kNoAdapter;
+  if (SelectAdapter(options.gpuIndex, facts.adapters, facts.selected) != 0) {
+    return GPUVET_NO_PLATFORM;
+  }
+  facts.position = SelectedPosition(options.gpuIndex, facts.adapters);
+  ResultSerialize store;
+  if (!options.resultDir.empty()) {
+    store.Load(options.resultDir, facts.adapters);
+  }
+  facts.stored = TestStoredVerdict(options, facts.selected, store, facts.found);
+  if (facts.stored == StoredVerdict::kAnswers) {
+    facts.end = RunEnd::kStored;
+    return facts.found.checkResult;
+  }
+  facts.end = RunEnd::kVerdict;
+  const int32_t code = RunVerdict(facts.selected);
+  facts.noPlatform = code == GPUVET_NO_PLATFORM && CountPlatforms() == 0;
+  return code;
 }
 
-std::string AdapterText(const AdapterEntry& adapter) {
-  char ids[32];
-  std::snprintf(ids, sizeof ids, "[%04x:%04x]", adapter.venID, adapter.devID);
-  return Quoted(adapter.devName) + " " + ids + ", driver " + Quoted(adapter.strDrvVer) + " dated " +
-         Quoted(adapter.strDrvDate);
+// The whole run as gpuvet makes it for this command line, up to its code; the
+// lists it reads are kept as read.
+int32_t RunAsGpuvet(const CommandLine& line, RunFacts& facts) {
+  for (const CommandLineAction action : line.actions) {
+    switch (action) {
+      case CommandLineAction::kDetails:
+        ListClDevices();
+        break;
+      case CommandLineAction::kHelp:
+        break;
+      case CommandLineAction::kBlankRun:
+        return kNoVerdict;
+      case CommandLineAction::kInvalidParameter:
+        return GPUVET_INVALID_PARAMETER;
+    }
+  }
+  if (line.options.noTest) {
+    facts.end = RunEnd::kNoTest;
+    return GPUVET_NO_TEST;
+  }
+  ObserveListFiles([&facts](const char* rootName, const ListFile& list) {
+    const bool black = std::string(rootName) == kBlackListRoot;
+    (black ? facts.black : facts.white) = list;
+    (black ? facts.blackRead : facts.whiteRead) = true;
+  });
+  ExitWatchdog watchdog(GPUVET_NOT_IN_WHITELIST, kWatchdogTickCount);
+  watchdog.Start();
+  const int32_t code = CheckAdapters(line.options, facts);
+  watchdog.Stop();
+  ObserveListFiles(nullptr);
+  return code;
+}
+
+std::string PathText(const std::string& path) { return path.empty() ? "none" : Quoted(path); }
+
+Step CommandLineStep(const CommandLine& line) {
+  const RunOptions& options = line.options;
+  Step step{"command line", options.gpuIndex >= 0 ? "adapter " + std::to_string(options.gpuIndex) : "no adapter named",
+            {}};
+  step.evidence.push_back("black list " + PathText(options.blackListPath) + ", white list " +
+                          PathText(options.whiteListPath) + ", result folder " + PathText(options.resultDir) +
+                          ", recheck " + (options.recheck ? "1" : "0") + (options.noTest ? ", notest" : ""));
+  for (const CommandLineAction action : line.actions) {
+    switch (action) {
+      case CommandLineAction::kDetails:
+        step.evidence.push_back("--details: gpuvet prints the OpenCL census here");
+        break;
+      case CommandLineAction::kHelp:
+        step.evidence.push_back("--help: gpuvet prints its usage here and goes on");
+        break;
+      case CommandLineAction::kBlankRun:
+        step.outcome = "--blankrun: gpuvet counts seconds until its host ends it, and gives no verdict";
+        step.evidence.push_back("nothing behind --blankrun is read");
+        break;
+      case CommandLineAction::kInvalidParameter:
+        step.outcome = "gpuvet ends here with \"_invalid_parameter\"";
+        step.evidence.push_back("a value option stands last, or a path value is longer than 2047 bytes");
+        break;
+    }
+  }
+  return step;
 }
 
 bool SameDevice(const ClDeviceKey& a, const ClDeviceKey& b) {
   return a.VID == b.VID && a.DeviceName == b.DeviceName;
-}
-
-// The fields in the order the tests look at them, with their texts.
-std::vector<std::pair<const char*, std::string>> Fields(const ClDeviceKey& key) {
-  return {{"VID", std::to_string(key.VID)}, {"DeviceName", key.DeviceName},
-          {"OpenCLCVersion", key.OpenCLCVersion}, {"DeviceVersion", key.DeviceVersion},
-          {"DriverVersion", key.DriverVersion}};
 }
 
 std::string FoldCase(std::string text) {
@@ -123,31 +191,34 @@ std::string NameDifference(const ClDeviceKey& item, const ClDeviceKey& device) {
   return what + (item.VID != device.VID ? ", and another VID " + std::to_string(item.VID) : "");
 }
 
+std::string At(const std::string& path, const ListFile& list, std::size_t index) {
+  return path + ":" + std::to_string(list.lines[index]) + ": ";
+}
+
 // The items whose names come closest to the device's: those that differ in
-// case, blanks or VID alone, else the three nearest by edit distance.
-void AddClosestNames(const std::string& path, const std::vector<ItemAt>& items, const ClDeviceKey& device,
-                     Step& step) {
+// case, blanks or VID alone, else the nearest by edit distance. Each item is
+// measured once, on the first bytes of its name, so the search is linear.
+void AddClosestNames(const std::string& path, const ListFile& list, const ClDeviceKey& device, Step& step) {
   std::vector<std::string> near;
-  for (const ItemAt& item : items) {
-    const std::string difference = NameDifference(item.key, device);
+  for (std::size_t i = 0; i < list.items.size() && near.size() < kClosestNames; ++i) {
+    const std::string difference = NameDifference(list.items[i], device);
     if (!difference.empty()) {
-      near.push_back(path + ":" + std::to_string(item.line) + ": " + Quoted(item.key.DeviceName) + " differs in " +
-                     difference);
+      near.push_back(At(path, list, i) + Quoted(list.items[i].DeviceName) + " differs in " + difference);
     }
   }
   if (near.empty()) {
-    std::vector<const ItemAt*> byDistance;
-    byDistance.reserve(items.size());
-    for (const ItemAt& item : items) {
-      byDistance.push_back(&item);
+    const std::string name = device.DeviceName.substr(0, kComparedNameBytes);
+    std::vector<std::pair<std::size_t, std::size_t>> byDistance;  // distance, index
+    byDistance.reserve(list.items.size());
+    for (std::size_t i = 0; i < list.items.size(); ++i) {
+      byDistance.emplace_back(EditDistance(list.items[i].DeviceName.substr(0, kComparedNameBytes), name), i);
     }
-    std::stable_sort(byDistance.begin(), byDistance.end(), [&device](const ItemAt* a, const ItemAt* b) {
-      return EditDistance(a->key.DeviceName, device.DeviceName) < EditDistance(b->key.DeviceName, device.DeviceName);
-    });
-    byDistance.resize(std::min<std::size_t>(byDistance.size(), 3));
-    for (const ItemAt* item : byDistance) {
-      near.push_back(path + ":" + std::to_string(item->line) + ": " + Quoted(item->key.DeviceName) + " VID " +
-                     std::to_string(item->key.VID) + " is another name");
+    const auto shown = byDistance.begin() + static_cast<std::ptrdiff_t>(std::min(byDistance.size(), kClosestNames));
+    std::partial_sort(byDistance.begin(), shown, byDistance.end());
+    for (auto at = byDistance.begin(); at != shown; ++at) {
+      const ClDeviceKey& item = list.items[at->second];
+      near.push_back(At(path, list, at->second) + Quoted(item.DeviceName) + " VID " + std::to_string(item.VID) +
+                     " is another name");
     }
   }
   step.evidence.push_back("no item names " + Quoted(device.DeviceName) + " with VID " + std::to_string(device.VID) +
@@ -161,39 +232,68 @@ std::string WhereBelow(const std::string& device, const std::string& item) {
   if (at == device.size()) {
     return "the device's text is the item's cut short at byte " + std::to_string(at + 1);
   }
-  return "byte " + std::to_string(at + 1) + ": '" + std::string(1, device[at]) + "' is below '" +
-         std::string(1, item[at]) + "'";
+  return "byte " + std::to_string(at + 1) + ": " + Quoted(std::string(1, device[at])) + " is below " +
+         Quoted(std::string(1, item[at]));
 }
 
-Step BlackListStep(const std::string& path, int32_t gpuIndex, int32_t code) {
+// Says why a list was read as no list, or false when it was read.
+bool NotAList(const std::string& path, const ListFile& list, bool read, const std::string& consequence, Step& step) {
+  if (!read) {
+    step.evidence.push_back(Quoted(path) + " was not read");
+    return true;
+  }
+  switch (list.outcome) {
+    case ListFileOutcome::kRead: return false;
+    case ListFileOutcome::kLoadFailed:
+      step.evidence.push_back(Quoted(path) + " is read as no list: it does not load as XML (" + list.loadError +
+                              "); " + consequence);
+      return true;
+    case ListFileOutcome::kNotAList:
+      step.evidence.push_back(Quoted(path) + " is read as no list: its root is " +
+                              (list.rootFound.empty() ? "missing" : "element " + Quoted(list.rootFound)) + "; " +
+                              consequence);
+      return true;
+  }
+  return true;
+}
+
+void AddMoreItems(std::size_t shown, std::size_t all, Step& step) {
+  if (all > shown) {
+    step.evidence.push_back("and " + std::to_string(all - shown) + " more items of this device");
+  }
+}
+
+Step BlackListStep(const std::string& path, const RunFacts& facts, int32_t gpuIndex, int32_t code) {
   Step step{"black list", code == GPUVET_IN_BLACKLIST ? "hit: the device is refused" : "no hit", {}};
-  const ListWithLines list = ReadWithLines(path, kBlackListRoot);
-  if (!list.read) {
-    step.evidence.push_back(path + " is read as no list: " + list.why + "; every device passes");
+  const ListFile& list = facts.black;
+  if (NotAList(path, list, facts.blackRead, "every device passes", step)) {
     return step;
   }
   for (const ClDeviceKey& device : BlackListDevicesUnderTest(gpuIndex)) {
-    bool named = false;
-    for (const ItemAt& item : list.items) {
-      if (ClDeviceKeyEqual(item.key, device)) {
-        step.evidence.push_back(path + ":" + std::to_string(item.line) + ": lists " + KeyText(device));
-        named = true;
-      } else if (SameDevice(item.key, device)) {
-        const auto itemFields = Fields(item.key);
-        const auto deviceFields = Fields(device);
-        for (std::size_t i = 0; i < itemFields.size(); ++i) {
-          if (itemFields[i].second != deviceFields[i].second) {
-            step.evidence.push_back(path + ":" + std::to_string(item.line) + ": the nearest item differs first in " +
-                                    itemFields[i].first + ": item " + Quoted(itemFields[i].second) + ", device " +
-                                    Quoted(deviceFields[i].second));
-            break;
-          }
+    std::size_t named = 0;
+    for (std::size_t i = 0; i < list.items.size(); ++i) {
+      const ClDeviceKey& item = list.items[i];
+      if (!SameDevice(item, device)) {
+        continue;
+      }
+      if (++named > kMostItemsShown) {
+        continue;
+      }
+      if (ClDeviceKeyEqual(item, device)) {
+        step.evidence.push_back(At(path, list, i) + "lists " + KeyText(device));
+        continue;
+      }
+      for (const KeyField& field : kKeyFields) {
+        if (FieldValue(item, field) != FieldValue(device, field)) {
+          step.evidence.push_back(At(path, list, i) + "the nearest item differs first in " + field.name + ": item " +
+                                  Quoted(FieldValue(item, field)) + ", device " + Quoted(FieldValue(device, field)));
+          break;
         }
-        named = true;
       }
     }
-    if (!named) {
-      AddClosestNames(path, list.items, device, step);
+    AddMoreItems(kMostItemsShown, named, step);
+    if (named == 0) {
+      AddClosestNames(path, list, device, step);
     }
   }
   return step;
@@ -210,12 +310,26 @@ Step DriverStep(const AdapterEntry& adapter) {
   return step;
 }
 
-Step WhiteListStep(const std::string& path, int32_t gpuIndex, int32_t code) {
+// The first version of the device below the item's, in the order the test looks.
+void AddVersionBelow(const std::string& at, const ClDeviceKey& item, const ClDeviceKey& device, Step& step) {
+  for (std::string ClDeviceKey::*version :
+       {&ClDeviceKey::DeviceVersion, &ClDeviceKey::OpenCLCVersion, &ClDeviceKey::DriverVersion}) {
+    if (StringLess(device.*version, item.*version)) {
+      const auto field = std::find_if(kKeyFields.begin(), kKeyFields.end(),
+                                      [version](const KeyField& f) { return f.text == version; });
+      step.evidence.push_back(at + field->name + " " + Quoted(device.*version) + " of the device is below " +
+                              Quoted(item.*version) + ", compared byte by byte: " +
+                              WhereBelow(device.*version, item.*version));
+      return;
+    }
+  }
+}
+
+Step WhiteListStep(const std::string& path, const RunFacts& facts, int32_t gpuIndex, int32_t code) {
   const bool missed = code == GPUVET_NOT_IN_WHITELIST || code == GPUVET_NOT_IN_WHITELIST_OLD_DRIVER;
   Step step{"white list", missed ? "miss: the device is not admitted" : "listed", {}};
-  const ListWithLines list = ReadWithLines(path, kWhiteListRoot);
-  if (!list.read) {
-    step.evidence.push_back(path + " is read as no list: " + list.why + "; every device is refused");
+  const ListFile& list = facts.white;
+  if (NotAList(path, list, facts.whiteRead, "every device is refused", step)) {
     return step;
   }
   ClDeviceKey tocheck;
@@ -224,34 +338,23 @@ Step WhiteListStep(const std::string& path, int32_t gpuIndex, int32_t code) {
     return step;
   }
   step.evidence.push_back("device under test: " + KeyText(tocheck));
-  bool named = false;
-  for (const ItemAt& item : list.items) {
-    if (!SameDevice(item.key, tocheck)) {
+  std::size_t named = 0;
+  for (std::size_t i = 0; i < list.items.size(); ++i) {
+    if (!SameDevice(list.items[i], tocheck)) {
       continue;
     }
-    named = true;
-    const std::string at = path + ":" + std::to_string(item.line) + ": ";
-    if (Admits(item.key, tocheck)) {
-      step.evidence.push_back(at + "admits it");
+    ++named;
+    if (Admits(list.items[i], tocheck)) {
+      step.evidence.push_back(At(path, list, i) + "admits it");
       break;
     }
-    // The versions in the order the test looks at them; the first below decides.
-    const std::pair<const char*, const std::string*> versions[] = {
-        {"DeviceVersion", &item.key.DeviceVersion},
-        {"OpenCLCVersion", &item.key.OpenCLCVersion},
-        {"DriverVersion", &item.key.DriverVersion}};
-    const std::string* deviceVersions[] = {&tocheck.DeviceVersion, &tocheck.OpenCLCVersion, &tocheck.DriverVersion};
-    for (std::size_t i = 0; i < 3; ++i) {
-      if (StringLess(*deviceVersions[i], *versions[i].second)) {
-        step.evidence.push_back(at + versions[i].first + " " + Quoted(*deviceVersions[i]) + " of the device is below " +
-                                Quoted(*versions[i].second) + ", compared byte by byte: " +
-                                WhereBelow(*deviceVersions[i], *versions[i].second));
-        break;
-      }
+    if (named <= kMostItemsShown) {
+      AddVersionBelow(At(path, list, i), list.items[i], tocheck, step);
     }
   }
-  if (!named) {
-    AddClosestNames(path, list.items, tocheck, step);
+  AddMoreItems(kMostItemsShown, named, step);
+  if (named == 0) {
+    AddClosestNames(path, list, tocheck, step);
   }
   return step;
 }
@@ -262,8 +365,11 @@ std::string CodeName(int32_t code) {
     case GPUVET_NOT_IN_WHITELIST: return "GPUVET_NOT_IN_WHITELIST";
     case GPUVET_NOT_IN_WHITELIST_OLD_DRIVER: return "GPUVET_NOT_IN_WHITELIST_OLD_DRIVER";
     case GPUVET_OLD_DRIVER: return "GPUVET_OLD_DRIVER";
+    case GPUVET_NO_TEST: return "GPUVET_NO_TEST";
     case GPUVET_NO_PLATFORM: return "GPUVET_NO_PLATFORM";
     case GPUVET_IN_BLACKLIST: return "GPUVET_IN_BLACKLIST";
+    case GPUVET_INVALID_PARAMETER: return "GPUVET_INVALID_PARAMETER";
+    case kNoVerdict: return "no verdict";
     default: return "a stored code";
   }
 }
@@ -287,75 +393,72 @@ std::string DeviceMatchWhy(const AdapterEntry& adapter, const ClDeviceKey& devic
   return "the same vendor";
 }
 
-cl_uint CountPlatforms() {
-  cl_uint count = 0;
-  clGetPlatformIDs(0, nullptr, &count);
-  return count;
-}
-
-// The run as gpuvet makes it, up to the code, with the steps said in words.
-int32_t ExplainRun(const RunOptions& options, std::vector<Step>& steps) {
-  AdapterList adapters;
-  CollectAdapters(adapters);
-  AdapterEntry selected;
-  if (SelectAdapter(options.gpuIndex, adapters, selected) != 0) {
-    steps.push_back({"adapter", "none selected",
-                     {"the machine has " + std::to_string(adapters.size()) + " display adapters" +
-                      (options.gpuIndex >= 0 ? "; --gpu " + std::to_string(options.gpuIndex) + " is beyond them" : "")}});
-    return GPUVET_NO_PLATFORM;
-  }
-  const auto position = std::find_if(adapters.begin(), adapters.end(),
-                                     [&selected](const AdapterEntry& a) { return AdapterEntryEqual(a, selected); });
-  const std::string why = options.gpuIndex >= 0          ? "--gpu " + std::to_string(options.gpuIndex) + " names it"
-                          : selected.venID != kIntelVendorId ? "no --gpu: the first adapter that is not Intel's"
-                                                           : "no --gpu and every adapter is Intel's: the first";
-  steps.push_back({"adapter", std::to_string(position - adapters.begin()) + ": " + AdapterText(selected), {why}});
-
-  ResultSerialize store;
-  if (!options.resultDir.empty()) {
-    store.Load(options.resultDir, adapters);
-  }
-  AdapterResult found;
-  const StoredVerdict stored = TestStoredVerdict(options, selected, store, found);
-  if (stored == StoredVerdict::kAnswers) {
-    steps.push_back({"stored verdict", "answers the run with " + std::to_string(found.checkResult),
-                     {StoredWhy(stored, options), "no rule is consulted; --recheck 1 tests again"}});
-    return found.checkResult;
-  }
-  steps.push_back({"stored verdict", "does not answer the run", {StoredWhy(stored, options)}});
-
-  const int32_t code = RunVerdict(selected);
+// The steps of the test itself, from the device on.
+void AddVerdictSteps(const RunOptions& options, const RunFacts& facts, int32_t code, std::vector<Step>& steps) {
   if (code == GPUVET_NO_PLATFORM) {
-    const bool noPlatform = CountPlatforms() == 0;
-    steps.push_back({"device", noPlatform ? "no OpenCL platform" : "no OpenCL GPU device fits the adapter",
+    steps.push_back({"device", facts.noPlatform ? "no OpenCL platform" : "no OpenCL GPU device fits the adapter",
                      {std::to_string(ClDeviceTable.size()) + " GPU devices in the census; a device fits when one name "
                                                              "contains the other or the vendor is the adapter's"}});
-    return code;
+    return;
   }
   if (options.gpuIndex >= 0) {
-    steps.push_back({"device", KeyText(SelectedClDevice), {"matched by " + DeviceMatchWhy(selected, SelectedClDevice)}});
+    steps.push_back(
+        {"device", KeyText(SelectedClDevice), {"matched by " + DeviceMatchWhy(facts.selected, SelectedClDevice)}});
   } else {
     steps.push_back({"device", "no adapter named: " + std::to_string(ClDeviceTable.size()) + " GPU devices in the census",
                      {"the black list tests all of them, the white list one"}});
   }
-
   if (!options.blackListPath.empty()) {
-    steps.push_back(BlackListStep(options.blackListPath, options.gpuIndex, code));
+    steps.push_back(BlackListStep(options.blackListPath, facts, options.gpuIndex, code));
   } else {
     steps.push_back({"black list", "no --blacklist: no hit", {}});
   }
   if (code == GPUVET_IN_BLACKLIST) {
     steps.push_back({"driver date", "not consulted", {}});
     steps.push_back({"white list", "not consulted", {}});
-    return code;
+    return;
   }
-  steps.push_back(DriverStep(selected));
+  steps.push_back(DriverStep(facts.selected));
   if (!options.whiteListPath.empty()) {
-    steps.push_back(WhiteListStep(options.whiteListPath, options.gpuIndex, code));
+    steps.push_back(WhiteListStep(options.whiteListPath, facts, options.gpuIndex, code));
   } else {
     steps.push_back({"white list", "no --whitelist: counts as listed", {}});
   }
-  return code;
+}
+
+// What the run came to, in words; made after the run, so it never bears on the code.
+std::vector<Step> Steps(const CommandLine& line, const RunFacts& facts, int32_t code) {
+  const RunOptions& options = line.options;
+  std::vector<Step> steps = {CommandLineStep(line)};
+  switch (facts.end) {
+    case RunEnd::kCommandLine: return steps;
+    case RunEnd::kException:
+      steps.push_back({"run", "ended by an exception", {}});
+      return steps;
+    case RunEnd::kNoTest:
+      steps.push_back({"test", "--notest: nothing is tested", {}});
+      return steps;
+    case RunEnd::kNoAdapter:
+      steps.push_back({"adapter", "none selected",
+                       {"the machine has " + std::to_string(facts.adapters.size()) + " display adapters" +
+                        (options.gpuIndex >= 0 ? "; --gpu " + std::to_string(options.gpuIndex) + " is beyond them"
+                                               : "")}});
+      return steps;
+    case RunEnd::kStored:
+    case RunEnd::kVerdict: break;
+  }
+  const std::string why = options.gpuIndex >= 0 ? "--gpu " + std::to_string(options.gpuIndex) + " names it"
+                          : facts.selected.venID != kIntelVendorId ? "no --gpu: the first adapter that is not Intel's"
+                                                                   : "no --gpu and every adapter is Intel's: the first";
+  steps.push_back({"adapter", AdapterText(facts.position, facts.selected), {why}});
+  if (facts.end == RunEnd::kStored) {
+    steps.push_back({"stored verdict", "answers the run with " + std::to_string(facts.found.checkResult),
+                     {StoredWhy(facts.stored, options), "no rule is consulted; --recheck 1 tests again"}});
+    return steps;
+  }
+  steps.push_back({"stored verdict", "does not answer the run", {StoredWhy(facts.stored, options)}});
+  AddVerdictSteps(options, facts, code, steps);
+  return steps;
 }
 
 void PrintReport(const std::vector<Step>& steps, int32_t code, bool json) {
@@ -367,7 +470,7 @@ void PrintReport(const std::vector<Step>& steps, int32_t code, bool json) {
     }
     report["code"] = code;
     report["name"] = CodeName(code);
-    std::printf("%s\n", report.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace).c_str());
+    std::printf("%s\n", report.dump(2, ' ', true, nlohmann::ordered_json::error_handler_t::replace).c_str());
     return;
   }
   for (const Step& step : steps) {
@@ -383,23 +486,21 @@ void PrintReport(const std::vector<Step>& steps, int32_t code, bool json) {
 
 // Under the same guard and time limit as a run of gpuvet, so that the code is
 // the one gpuvet gives whatever a vendor library does.
-int32_t Explain(const RunOptions& options, bool json) {
-  g_runOptions = options;
+int32_t Explain(const CommandLine& line, bool json) {
+  g_runOptions = line.options;
   SilencePrint(true);
   platform::GuardProcessEnd(GPUVET_NOT_IN_WHITELIST);
-  std::vector<Step> steps;
+  RunFacts facts;
   int32_t code = 0;
   try {
-    ExitWatchdog watchdog(GPUVET_NOT_IN_WHITELIST, kWatchdogTickCount);
-    watchdog.Start();
-    code = ExplainRun(options, steps);
-    watchdog.Stop();
+    code = RunAsGpuvet(line, facts);
   } catch (...) {
     code = CodeOfRunException();
-    steps.push_back({"run", "ended by an exception", {}});
+    facts.end = RunEnd::kException;
   }
+  ObserveListFiles(nullptr);
   platform::AllowProcessEnd();
-  PrintReport(steps, code, json);
+  PrintReport(Steps(line, facts, code), code, json);
   return code;
 }
 

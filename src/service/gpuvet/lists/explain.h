@@ -2,12 +2,16 @@
 
 #include <cstdint>
 
-#include "run_options.h"
+#include "command_line.h"
 
 namespace gpuvet::lists {
 
-// Runs a verdict with gpuvet's own steps for these options and says why it came
-// out as it did; writes no result file. Returns the code gpuvet gives.
-int32_t Explain(const RunOptions& options, bool json);
+// explain's status when gpuvet's command line asks for --blankrun, which gives
+// no verdict at all; no status of gpuvet's reads as 3.
+constexpr int32_t kNoVerdict = 3;
+
+// Runs gpuvet's command line with gpuvet's own steps and says why it came out
+// as it did; writes no result file. Returns the code gpuvet gives.
+int32_t Explain(const CommandLine& line, bool json);
 
 }  // namespace gpuvet::lists

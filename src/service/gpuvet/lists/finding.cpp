@@ -26,8 +26,9 @@ std::string FindingsJson(const std::vector<Finding>& findings) {
                      {"check", finding.check},
                      {"message", finding.message}});
   }
-  // List texts are bytes: what is not UTF-8 is replaced rather than refused.
-  return array.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+  // List texts are bytes: what is not UTF-8 is replaced rather than refused,
+  // and all else beyond ASCII is escaped, so no control reaches a terminal.
+  return array.dump(2, ' ', true, nlohmann::ordered_json::error_handler_t::replace);
 }
 
 int FindingsStatus(const std::vector<Finding>& findings) {

@@ -9,6 +9,7 @@
 
 #include "adapters/collect_adapters.h"
 #include "adapters/select_adapter.h"
+#include "lists/describe.h"
 #include "opencl/cl_device_key.h"
 #include "opencl/device_census.h"
 #include "opencl/match_cl_device.h"
@@ -43,23 +44,12 @@ std::string CommentText(std::string text) {
   return " " + text + " ";
 }
 
-std::string AdapterText(std::size_t index, const AdapterEntry& adapter) {
-  char ids[32];
-  std::snprintf(ids, sizeof ids, "[%04x:%04x]", adapter.venID, adapter.devID);
-  return "adapter " + std::to_string(index) + " " + adapter.devName + " " + ids;
-}
-
 void PrintItem(tinyxml2::XMLPrinter& printer, const ClDeviceKey& key, const std::string& comment) {
   printer.OpenElement(kItemElement);
   printer.PushComment(CommentText(comment).c_str());
-  const std::pair<const char*, std::string> fields[] = {{"VID", std::to_string(key.VID)},
-                                                        {"DeviceName", key.DeviceName},
-                                                        {"OpenCLCVersion", key.OpenCLCVersion},
-                                                        {"DeviceVersion", key.DeviceVersion},
-                                                        {"DriverVersion", key.DriverVersion}};
-  for (const auto& [name, text] : fields) {
-    printer.OpenElement(name);
-    printer.PushText(text.c_str());
+  for (const KeyField& field : kKeyFields) {
+    printer.OpenElement(field.name);
+    printer.PushText(FieldValue(key, field).c_str());
     printer.CloseElement();
   }
   printer.CloseElement();

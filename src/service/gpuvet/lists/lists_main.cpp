@@ -2,14 +2,17 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <string>
 #include <vector>
 
 #include "fleet/fleet_commands.h"
+#include "command_line.h"
 #include "lists/explain.h"
 #include "lists/fleet_lint.h"
 #include "lists/items.h"
 #include "lists/lint.h"
+#include "lists/text_compare.h"
 #include "platform/runtime_text.h"
 
 namespace gpuvet::lists {
@@ -18,12 +21,12 @@ namespace {
 constexpr int kUsageStatus = 3;
 
 constexpr const char* kUsage =
-    "usage: gpuvet-lists lint [--black | --white] [--format text|json] [--fleet SNAPSHOTS [--gpu N]]... FILE...\n"
+    "usage: gpuvet-lists lint [--black | --white] [--format text|json] [--fleet SNAPSHOTS [--gpu N]]...\n"
+    "                         FILE... (- for standard input)\n"
     "       gpuvet-lists items [--gpu N] [--white | --black]\n"
-    "       gpuvet-lists explain [--gpu N] [--blacklist FILE] [--whitelist FILE] [--result DIR] [--recheck N]\n"
-    "                            [--format text|json]\n"
+    "       gpuvet-lists explain [--format text|json] [GPUVET-ARGUMENTS...]\n"
     "       gpuvet-lists snapshot [-o FILE]\n"
-    "       gpuvet-lists verdict --snapshot FILE [gpuvet's options]\n"
+    "       gpuvet-lists verdict --snapshot FILE [GPUVET-ARGUMENTS...]\n"
     "       gpuvet-lists impact --blacklist F --whitelist F --new-blacklist F --new-whitelist F [--gpu N]\n"
     "                           [--format text|json|csv] [--partial] [--input-name NAME] [SNAPSHOT... | -]\n"
     "       gpuvet-lists impact --merge PARTIAL... [--format text|json|csv]\n";
@@ -77,7 +80,7 @@ int Lint(Arguments args) {
       kind = arg == "--black" ? ListKind::kBlack : ListKind::kWhite;
     } else if (arg == "--format") {
       if (!ReadFormat(args, json)) return Usage("--format takes text or json");
-    } else if (arg.size() > 1 && arg[0] == '-') {
+    } else if (arg.size() > 1 && arg[0] == '-') {  // "-" alone is standard input
       return Usage("unknown option " + arg);
     } else {
       files.push_back(arg);
@@ -85,29 +88,44 @@ int Lint(Arguments args) {
   }
   if (files.empty()) return Usage("lint needs a file");
 
-  std::vector<Finding> findings;
+  // Each file's findings go out as soon as it is linted; JSON needs them all.
+  std::vector<Finding> all;
+  int status = 0;
   bool unopened = false;
   for (const std::string& file : files) {
     LintResult result = LintListFile(file, kind);
     if (!result.opened) {
-      std::fprintf(stderr, "%s: can't be read: %s\n", file.c_str(), result.openError.c_str());
+      std::fprintf(stderr, "%s: can't be read: %s\n", Quoted(file).c_str(), result.openError.c_str());
       unopened = true;
+      continue;
     }
-    findings.insert(findings.end(), result.findings.begin(), result.findings.end());
-  }
-  uint64_t unreadable = 0;
-  if (!fleet.empty()) {
-    const std::vector<Finding> undecided = FleetFindings(files, kind, fleet, gpuIndex, unreadable);
-    findings.insert(findings.end(), undecided.begin(), undecided.end());
-  }
-  if (json) {
-    std::printf("%s\n", FindingsJson(findings).c_str());
-  } else {
-    for (const Finding& finding : findings) {
+    status = std::max(status, FindingsStatus(result.findings));
+    if (json) {
+      all.insert(all.end(), std::make_move_iterator(result.findings.begin()),
+                 std::make_move_iterator(result.findings.end()));
+      continue;
+    }
+    for (const Finding& finding : result.findings) {
       std::printf("%s\n", FormatFinding(finding).c_str());
     }
   }
-  return unopened || unreadable > 0 ? kUsageStatus : FindingsStatus(findings);
+  // The fleet's findings come after every file's own.
+  uint64_t unreadable = 0;
+  if (!fleet.empty()) {
+    const std::vector<Finding> undecided = FleetFindings(files, kind, fleet, gpuIndex, unreadable);
+    status = std::max(status, FindingsStatus(undecided));
+    for (const Finding& finding : undecided) {
+      if (json) {
+        all.push_back(finding);
+      } else {
+        std::printf("%s\n", FormatFinding(finding).c_str());
+      }
+    }
+  }
+  if (json) {
+    std::printf("%s\n", FindingsJson(all).c_str());
+  }
+  return unopened || unreadable > 0 ? kUsageStatus : status;
 }
 
 int Items(Arguments args) {
@@ -127,30 +145,21 @@ int Items(Arguments args) {
   return PrintItems(gpuIndex, wrapIn);
 }
 
-// The options keep gpuvet's meaning: numbers read as gpuvet reads them.
-int ExplainCommand(Arguments args) {
-  RunOptions options;
+// explain's own option stands first; every element behind it is gpuvet's
+// command line, read by gpuvet's own pass, so it means what it means to gpuvet.
+int ExplainCommand(int argc, char** argv) {
   bool json = false;
-  while (!args.Done()) {
-    const std::string arg = args.Next();
-    std::string value;
-    if (arg == "--format") {
-      if (!ReadFormat(args, json)) return Usage("--format takes text or json");
-    } else if (arg != "--gpu" && arg != "--blacklist" && arg != "--whitelist" && arg != "--result" &&
-               arg != "--recheck") {
-      return Usage("explain: unexpected " + arg);
-    } else if (!args.Value(value)) {
-      return Usage(arg + " needs a value");
-    } else if (arg == "--gpu") {
-      options.gpuIndex = platform::TextToInt(value.c_str());
-    } else if (arg == "--recheck") {
-      options.recheck = platform::TextToInt(value.c_str()) != 0;
-    } else {
-      (arg == "--blacklist" ? options.blackListPath : arg == "--whitelist" ? options.whiteListPath : options.resultDir) =
-          value;
-    }
+  int at = 2;
+  if (at < argc && std::string(argv[at]) == "--format") {
+    const std::string format = at + 1 < argc ? argv[at + 1] : "";
+    if (format != "text" && format != "json") return Usage("--format takes text or json");
+    json = format == "json";
+    at += 2;
   }
-  return Explain(options, json);
+  std::vector<const char*> gpuvetArgs = {"gpuvet"};
+  gpuvetArgs.insert(gpuvetArgs.end(), argv + at, argv + argc);
+  gpuvetArgs.push_back(nullptr);
+  return Explain(ReadCommandLine(static_cast<int>(gpuvetArgs.size()) - 1, gpuvetArgs.data()), json);
 }
 
 }  // namespace
@@ -159,7 +168,7 @@ int ListsMain(int argc, char** argv) {
   const std::string command = argc > 1 ? argv[1] : "";
   if (command == "lint") return Lint(Arguments(argc, argv));
   if (command == "items") return Items(Arguments(argc, argv));
-  if (command == "explain") return ExplainCommand(Arguments(argc, argv));
+  if (command == "explain") return ExplainCommand(argc, argv);
   const std::vector<std::string> rest(argv + std::min(argc, 2), argv + argc);
   if (command == "snapshot") return fleet::SnapshotCommand(rest);
   if (command == "verdict") return fleet::VerdictCommand(rest);

@@ -14,9 +14,10 @@ int CompareIgnoreCase(const char* a, const char* b);
 // character; saturates at the 32-bit limits; no number gives 0.
 int32_t TextToInt(const char* text);
 
-// Stores a command line path value byte for byte. A value too long for the
-// tool's path buffer goes to the invalid parameter handler.
-void StorePathValue(const char* value, std::string& target);
+// A command line path value as the tool keeps it, byte for byte. False, with
+// the target untouched, when it is too long for the tool's path buffer: the
+// runtime would hand that to the invalid parameter handler.
+bool NarrowPathValue(const char* value, std::string& target);
 
 // The longest path value, in bytes, that the tool accepts.
 constexpr std::size_t kMaxPathValueBytes = 2047;

@@ -58,12 +58,12 @@ int32_t TextToInt(const char* text) {
   return static_cast<int32_t>(value);
 }
 
-void StorePathValue(const char* value, std::string& target) {
+bool NarrowPathValue(const char* value, std::string& target) {
   if (std::strlen(value) > kMaxPathValueBytes) {
-    ReportInvalidParameter();
-    return;
+    return false;
   }
   target = value;
+  return true;
 }
 
 }  // namespace gpuvet::platform

@@ -33,14 +33,14 @@ int32_t TextToInt(const char* text) {
 // wcstombs into a zeroed buffer of kMaxPathValueBytes + 1 bytes: each character
 // up to U+00FF becomes one byte, and the first beyond it ends the value without
 // a word. A value that fills the whole buffer is refused.
-void StorePathValue(const char* value, std::string& target) {
+bool NarrowPathValue(const char* value, std::string& target) {
   std::vector<char> buffer(kMaxPathValueBytes + 1, '\0');
   std::wcstombs(buffer.data(), windows::FromArgument(value).c_str(), buffer.size());
   if (buffer.back() != '\0') {
-    ReportInvalidParameter();
-    return;
+    return false;
   }
   target = buffer.data();
+  return true;
 }
 
 }  // namespace gpuvet::platform
