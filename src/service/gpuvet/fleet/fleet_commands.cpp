@@ -68,6 +68,7 @@ int VerdictCommand(const std::vector<std::string>& args) {
   std::vector<std::string> gpuvetArgs = {"gpuvet"};
   gpuvetArgs.insert(gpuvetArgs.end(), args.begin() + 2, args.end());
   std::vector<char*> argv;
+  argv.reserve(gpuvetArgs.size() + 1);
   for (std::string& arg : gpuvetArgs) {
     argv.push_back(arg.data());
   }

@@ -141,9 +141,9 @@ void ImpactRun::AddMachine(const MachineRecord& record, const SnapshotPlace& pla
     const auto ofVendor = std::count_if(ClDeviceTable.begin(), ClDeviceTable.end(),
                                         [&adapter](const ClDeviceKey& key) { return key.VID == adapter.venID; });
     if (!NamesFit(adapter, SelectedClDevice) && ofVendor > 1) {
-      auto& [count, first] = summary_.vendorOnly[{adapter.venID, adapter.devName, SelectedClDevice}];
-      if (count++ == 0) {
-        first = PlaceText(place);
+      std::pair<uint64_t, std::string>& counted = summary_.vendorOnly[{adapter.venID, adapter.devName, SelectedClDevice}];
+      if (counted.first++ == 0) {
+        counted.second = PlaceText(place);
       }
     }
   }
@@ -194,11 +194,11 @@ bool MergeSummary(ImpactSummary& whole, const ImpactSummary& part, std::string& 
     }
   }
   for (const auto& [match, counted] : part.vendorOnly) {
-    auto& [count, first] = whole.vendorOnly[match];
-    if (count == 0) {
-      first = counted.second;
+    std::pair<uint64_t, std::string>& sum = whole.vendorOnly[match];
+    if (sum.first == 0) {
+      sum.second = counted.second;
     }
-    count += counted.first;
+    sum.first += counted.first;
   }
   whole.unreadable.insert(whole.unreadable.end(), part.unreadable.begin(), part.unreadable.end());
   return true;

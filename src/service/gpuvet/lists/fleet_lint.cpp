@@ -3,6 +3,7 @@
 #include <tinyxml2.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <memory>
 
@@ -77,7 +78,7 @@ std::vector<Finding> FleetFindings(const std::vector<std::string>& listFiles, Li
 
   std::vector<Finding> findings;
   for (const Judged& list : lists) {
-    const std::size_t first = findings.size();
+    const auto first = static_cast<std::ptrdiff_t>(findings.size());
     const fleet::ImpactSummary& summary = list.run->Summary();
     const auto& items = list.black ? summary.newBlackItems : summary.newWhiteItems;
     const auto& decides = list.black ? summary.blackItemDecides : summary.whiteItemDecides;
