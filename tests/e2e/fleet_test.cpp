@@ -152,8 +152,11 @@ TEST(Snapshot, ReadsBackWhatItWroteByteForByte) {
     MachineRecord record = fleet.Machine();
     record.adapterLog = {WithBytesOfAllKinds(seed), std::string("a\0b", 3)};
     if (!record.census.platforms.empty() && record.census.platforms[0].gpuCount) {
-      record.census.platforms[0].vendor = WithBytesOfAllKinds(seed + 1);
-      record.census.platforms[0].devices[0].key->DeviceName = WithBytesOfAllKinds(seed + 2);
+      CensusPlatform& platform = record.census.platforms[0];
+      platform.vendor = WithBytesOfAllKinds(seed + 1);
+      if (platform.devices[0].key) {  // the device that stopped a failed turn has none
+        platform.devices[0].key->DeviceName = WithBytesOfAllKinds(seed + 2);
+      }
     }
     const std::string written = SnapshotJson(record, "test", "now");
     MachineRecord read;
