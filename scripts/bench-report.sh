@@ -35,8 +35,8 @@ report=$build/report.md
   echo '```'
   "$build/bench/gpuvet_bench_fleet" "$fleet"
   lister=$build/src/service/gpuvet/lists/gpuvet-lists
-  /usr/bin/time -f "gpuvet-lists impact, one process: %e s wall, %U s user, %M KB peak" \
-    "$lister" impact "${lists[@]}" "$fleet/fleet.jsonl" > /dev/null || true
+  { /usr/bin/time -f "gpuvet-lists impact, one process: %e s wall, %U s user, %M KB peak" \
+      "$lister" impact "${lists[@]}" "$fleet/fleet.jsonl" > /dev/null; } 2>&1 || true
   start=$(date +%s.%N)
   parallel --pipepart -a "$fleet/fleet.jsonl" --block -1 -j "$(nproc)" \
     "$lister" impact "${lists[@]}" --partial --input-name 'part{#}' - > "$fleet/parts.jsonl" || true

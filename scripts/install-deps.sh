@@ -17,7 +17,7 @@ run_packages=(
 )
 test_packages=(
   pciutils util-linux mount
-  libgtest-dev libgmock-dev libbenchmark-dev parallel
+  libgtest-dev libgmock-dev libbenchmark-dev parallel time bc
   clang libclang-rt-dev clang-tidy cppcheck
   pocl-opencl-icd clinfo
 )
