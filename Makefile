@@ -67,12 +67,15 @@ fuzz: deps-test
 	cmake --build $(BUILD)/fuzz -j$(JOBS)
 	bash scripts/run-fuzzers.sh $(BUILD)/fuzz $(FUZZ_SECONDS)
 
+# The fleet of the impact benchmark: this many snapshots against lists of 1,000 items.
+FLEET_MACHINES ?= 1000000
 # The Google Benchmark suite and the whole-run figures, in one report:
 # $(BUILD)/bench/report.md.
 bench: deps-test
 	cmake -S . -B $(BUILD)/bench -DCMAKE_BUILD_TYPE=Release -DGPUVET_BENCH=ON
-	cmake --build $(BUILD)/bench -j$(JOBS) --target gpuvet_bench_lists gpuvet_bench_result_file gpuvet_bench_whole_run
-	bash scripts/bench-report.sh $(BUILD)/bench
+	cmake --build $(BUILD)/bench -j$(JOBS) --target gpuvet_bench_lists gpuvet_bench_result_file gpuvet_bench_whole_run \
+		gpuvet_bench_fleet gpuvet-lists
+	bash scripts/bench-report.sh $(BUILD)/bench $(FLEET_MACHINES)
 
 # clang-tidy and cppcheck over the tool's own sources; quiet when all is well.
 lint: deps-test

@@ -13,11 +13,11 @@ run_packages=(
   libpci-dev pci.ids
   libtinyxml2-dev
   ocl-icd-opencl-dev ocl-icd-libopencl1 opencl-headers opencl-clhpp-headers
-  nlohmann-json3-dev
+  nlohmann-json3-dev libsimdjson-dev
 )
 test_packages=(
   pciutils util-linux mount
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev libbenchmark-dev parallel time bc
   clang libclang-rt-dev clang-tidy cppcheck
   pocl-opencl-icd clinfo
 )

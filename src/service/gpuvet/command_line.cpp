@@ -95,13 +95,15 @@ CommandLine ReadCommandLine(int argc, const char* const* argv) {
   return Pass(argc, argv).Run();
 }
 
-int ParseCommandLine(int argc, char** argv) {
+int ParseCommandLine(int argc, char** argv) { return ParseCommandLine(argc, argv, ThisMachine()); }
+
+int ParseCommandLine(int argc, char** argv, const MachineSource& machine) {
   const CommandLine line = ReadCommandLine(argc, argv);
   g_runOptions = line.options;
   for (const CommandLineAction action : line.actions) {
     switch (action) {
       case CommandLineAction::kDetails:
-        ListClDevices();
+        AddCensusToTable(*machine.takeCensus());
         break;
       case CommandLineAction::kHelp:
         PrintUsage();

@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "machine_source.h"
 #include "run_options.h"
 
 namespace gpuvet {
@@ -27,7 +28,9 @@ struct CommandLine {
 CommandLine ReadCommandLine(int argc, const char* const* argv);
 
 // Reads the arguments, fills g_runOptions and carries out the actions in
-// their order. Returns 1 when it returns.
+// their order; --details takes the census of the machine. Returns 1 when it
+// returns.
+int ParseCommandLine(int argc, char** argv, const MachineSource& machine);
 int ParseCommandLine(int argc, char** argv);
 
 // The two usage lines of --help.

@@ -60,9 +60,10 @@ bool LookUpDriver(const qdx::platform::AdapterInfo_& record, const DriverRowScan
   return scan(testRow) && fitted;
 }
 
-// Each call reads the rows afresh: nothing carries over from one adapter to the next.
-bool QueryDriverInfo(const qdx::platform::AdapterInfo_& record, std::string& version, std::string& date) {
-  return LookUpDriver(record, platform::ScanDriverRows, version, date);
+// Each call scans the rows afresh: nothing carries over from one adapter to the next.
+bool QueryDriverInfo(const qdx::platform::AdapterInfo_& record, std::string& version, std::string& date,
+                     const DriverRowScan& scan) {
+  return LookUpDriver(record, scan, version, date);
 }
 
 }  // namespace gpuvet

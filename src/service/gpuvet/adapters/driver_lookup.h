@@ -8,12 +8,14 @@
 
 namespace gpuvet {
 
-// Finds the adapter's row among the machine's driver rows and takes the driver
-// version and date of the first row that fits. True when a row fitted.
-bool QueryDriverInfo(const qdx::platform::AdapterInfo_& record, std::string& version, std::string& date);
+// Where the rows come from: the machine's scan, a recorded machine's, or a test's.
+using DriverRowScan = platform::DriverRowScan;
 
-// Where the rows come from: the machine's scan, or a test's.
-using DriverRowScan = std::function<bool(const platform::VisitDriverRow&)>;
+// Finds the adapter's row among the driver rows that scan offers and takes the
+// driver version and date of the first row that fits. True when a row fitted.
+// The rows are scanned afresh for each call.
+bool QueryDriverInfo(const qdx::platform::AdapterInfo_& record, std::string& version, std::string& date,
+                     const DriverRowScan& scan);
 
 // QueryDriverInfo over the rows that scan offers: prints one line per row
 // scanned, reads a row's driver values only once it fits, and ends the scan at

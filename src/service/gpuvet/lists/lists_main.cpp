@@ -6,8 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "fleet/fleet_commands.h"
 #include "command_line.h"
 #include "lists/explain.h"
+#include "lists/fleet_lint.h"
 #include "lists/items.h"
 #include "lists/lint.h"
 #include "lists/text_compare.h"
@@ -19,9 +21,15 @@ namespace {
 constexpr int kUsageStatus = 3;
 
 constexpr const char* kUsage =
-    "usage: gpuvet-lists lint [--black | --white] [--format text|json] FILE... (- for standard input)\n"
+    "usage: gpuvet-lists lint [--black | --white] [--format text|json] [--fleet SNAPSHOTS [--gpu N]]...\n"
+    "                         FILE... (- for standard input)\n"
     "       gpuvet-lists items [--gpu N] [--white | --black]\n"
-    "       gpuvet-lists explain [--format text|json] [GPUVET-ARGUMENTS...]\n";
+    "       gpuvet-lists explain [--format text|json] [GPUVET-ARGUMENTS...]\n"
+    "       gpuvet-lists snapshot [-o FILE]\n"
+    "       gpuvet-lists verdict --snapshot FILE [GPUVET-ARGUMENTS...]\n"
+    "       gpuvet-lists impact --blacklist F --whitelist F --new-blacklist F --new-whitelist F [--gpu N]\n"
+    "                           [--format text|json|csv] [--partial] [--input-name NAME] [SNAPSHOT... | -]\n"
+    "       gpuvet-lists impact --merge PARTIAL... [--format text|json|csv]\n";
 
 int Usage(const std::string& why) {
   std::fprintf(stderr, "gpuvet-lists: %s\n%s", why.c_str(), kUsage);
@@ -57,9 +65,18 @@ int Lint(Arguments args) {
   ListKind kind = ListKind::kEither;
   bool json = false;
   std::vector<std::string> files;
+  std::vector<std::string> fleet;
+  int32_t gpuIndex = -1;
   while (!args.Done()) {
     const std::string arg = args.Next();
-    if (arg == "--black" || arg == "--white") {
+    std::string value;
+    if ((arg == "--fleet" || arg == "--gpu") && !args.Value(value)) {
+      return Usage(arg + " needs a value");
+    } else if (arg == "--fleet") {
+      fleet.push_back(value);
+    } else if (arg == "--gpu") {
+      gpuIndex = platform::TextToInt(value.c_str());
+    } else if (arg == "--black" || arg == "--white") {
       kind = arg == "--black" ? ListKind::kBlack : ListKind::kWhite;
     } else if (arg == "--format") {
       if (!ReadFormat(args, json)) return Usage("--format takes text or json");
@@ -92,10 +109,23 @@ int Lint(Arguments args) {
       std::printf("%s\n", FormatFinding(finding).c_str());
     }
   }
+  // The fleet's findings come after every file's own.
+  uint64_t unreadable = 0;
+  if (!fleet.empty()) {
+    const std::vector<Finding> undecided = FleetFindings(files, kind, fleet, gpuIndex, unreadable);
+    status = std::max(status, FindingsStatus(undecided));
+    for (const Finding& finding : undecided) {
+      if (json) {
+        all.push_back(finding);
+      } else {
+        std::printf("%s\n", FormatFinding(finding).c_str());
+      }
+    }
+  }
   if (json) {
     std::printf("%s\n", FindingsJson(all).c_str());
   }
-  return unopened ? kUsageStatus : status;
+  return unopened || unreadable > 0 ? kUsageStatus : status;
 }
 
 int Items(Arguments args) {
@@ -139,6 +169,10 @@ int ListsMain(int argc, char** argv) {
   if (command == "lint") return Lint(Arguments(argc, argv));
   if (command == "items") return Items(Arguments(argc, argv));
   if (command == "explain") return ExplainCommand(argc, argv);
+  const std::vector<std::string> rest(argv + std::min(argc, 2), argv + argc);
+  if (command == "snapshot") return fleet::SnapshotCommand(rest);
+  if (command == "verdict") return fleet::VerdictCommand(rest);
+  if (command == "impact") return fleet::ImpactCommand(rest);
   if (command == "--help" || command == "-h") {
     std::fputs(kUsage, stdout);
     return 0;

@@ -15,11 +15,14 @@ bool Contains(const std::string& text, const std::string& part) {
 // Loose on purpose: the adapter list and OpenCL name one card differently, so
 // either name may hold the other, and the same vendor alone is enough.
 bool Fits(const AdapterEntry& adapter, const ClDeviceKey& device) {
-  return Contains(adapter.devName, device.DeviceName) || Contains(device.DeviceName, adapter.devName) ||
-         device.VID == adapter.venID;
+  return NamesFit(adapter, device) || device.VID == adapter.venID;
 }
 
 }  // namespace
+
+bool NamesFit(const AdapterEntry& adapter, const ClDeviceKey& device) {
+  return Contains(adapter.devName, device.DeviceName) || Contains(device.DeviceName, adapter.devName);
+}
 
 int32_t MatchClDevice(int32_t selector, const AdapterEntry& adapter, ClDeviceKey& target) {
   if (selector < 0) {

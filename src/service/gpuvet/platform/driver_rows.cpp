@@ -27,4 +27,13 @@ void ScanRows(const std::vector<DriverRow>& rows, const VisitDriverRow& visit) {
   }
 }
 
+bool ReadWholeRows(const DriverRowScan& scan, std::vector<DriverRow>& rows) {
+  rows.clear();
+  return scan([&rows](const ReadDriverRowProperty& read) {
+    rows.push_back({read(DriverRowProperty::kCaption), read(DriverRowProperty::kPnpDeviceId),
+                    read(DriverRowProperty::kDriverVersion), read(DriverRowProperty::kDriverDate)});
+    return false;  // every row, to the end
+  });
+}
+
 }  // namespace gpuvet::platform

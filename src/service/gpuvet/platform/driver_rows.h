@@ -24,6 +24,9 @@ using VisitDriverRow = std::function<bool(const ReadDriverRowProperty&)>;
 // had.
 bool ScanDriverRows(const VisitDriverRow& visit);
 
+// A source of rows to visit: the machine's scan, or one over rows already read.
+using DriverRowScan = std::function<bool(const VisitDriverRow&)>;
+
 // A row with all its properties at hand, for a source that reads rows whole.
 struct DriverRow {
   std::optional<std::string> caption;
@@ -34,5 +37,8 @@ struct DriverRow {
 
 // Offers rows already read to visit, as ScanDriverRows offers the machine's.
 void ScanRows(const std::vector<DriverRow>& rows, const VisitDriverRow& visit);
+
+// Every row that scan offers, with all its properties. False when no rows can be had.
+bool ReadWholeRows(const DriverRowScan& scan, std::vector<DriverRow>& rows);
 
 }  // namespace gpuvet::platform

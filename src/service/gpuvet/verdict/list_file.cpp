@@ -116,6 +116,10 @@ ListFile ReadListFile(const char* path, const char* rootName) {
   return list;
 }
 
+std::shared_ptr<const ListFile> ReadListFileAnew(const char* path, const char* rootName) {
+  return std::make_shared<const ListFile>(ReadListFile(path, rootName));
+}
+
 void ObserveListFiles(ListFileObserver observer) {
   Observer() = std::move(observer);
 }

@@ -59,6 +59,10 @@ std::unique_ptr<tinyxml2::XMLDocument> NewListDocument();
 
 // Reads the items of the list file at path whose root element is named rootName.
 ListFile ReadListFile(const char* path, const char* rootName);
+// How a run gets a list: read from the file each time (ReadListFileAnew), or
+// from lists read once before.
+using ListReader = std::function<std::shared_ptr<const ListFile>(const char* path, const char* rootName)>;
+std::shared_ptr<const ListFile> ReadListFileAnew(const char* path, const char* rootName);
 
 // Hands every list file that ReadListFile reads from now on, as read, to the
 // observer (none: the default): a report on a run learns which items decided

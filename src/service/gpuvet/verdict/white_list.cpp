@@ -36,18 +36,35 @@ bool Admits(const ClDeviceKey& item, const ClDeviceKey& tocheck) {
          AtLeast(tocheck.DriverVersion, item.DriverVersion);
 }
 
-bool IsInWhiteList(const char* path, int32_t gpuIndex) {
+// Only the items of the device's vendor and name can admit it, and they stand
+// together in the sorted list, the one with the least versions first: the scan
+// starts there and ends behind them, in the order a scan of the whole list
+// would meet them.
+std::vector<ClDeviceKey>::const_iterator FirstAdmitting(const std::vector<ClDeviceKey>& items,
+                                                       const ClDeviceKey& tocheck) {
+  ClDeviceKey first;
+  first.VID = tocheck.VID;
+  first.DeviceName = tocheck.DeviceName;
+  for (auto item = std::lower_bound(items.begin(), items.end(), first, ClDeviceKeyLess);
+       item != items.end() && item->VID == tocheck.VID && item->DeviceName == tocheck.DeviceName; ++item) {
+    if (Admits(*item, tocheck)) {
+      return item;
+    }
+  }
+  return items.end();
+}
+
+bool IsInWhiteList(const char* path, int32_t gpuIndex, const ListReader& readList) {
   Print("check before in white list start\n");
-  const ListFile list = ReadListFile(path, kWhiteListRoot);
+  const std::shared_ptr<const ListFile> read = readList(path, kWhiteListRoot);
+  const ListFile& list = *read;
   if (list.outcome != ListFileOutcome::kRead) {
     return false;  // an unreadable list admits no device
   }
 
   ClDeviceKey tocheck;
   const bool hasDevice = ChooseDeviceUnderTest(gpuIndex, tocheck);
-  const bool admitted =
-      hasDevice && std::any_of(list.items.begin(), list.items.end(),
-                               [&tocheck](const ClDeviceKey& item) { return Admits(item, tocheck); });
+  const bool admitted = hasDevice && FirstAdmitting(list.items, tocheck) != list.items.end();
 
   Print("    tocheck: %s, white_list: %llu. ok: %s\n", tocheck.DeviceName.c_str(),
         static_cast<unsigned long long>(list.items.size()), admitted ? "YES" : "NO");

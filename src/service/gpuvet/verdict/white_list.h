@@ -1,8 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "opencl/cl_device_key.h"
+#include "verdict/list_file.h"
 
 namespace gpuvet {
 
@@ -15,8 +17,12 @@ bool ChooseDeviceUnderTest(int32_t gpuIndex, ClDeviceKey& tocheck);
 // least the item's, in byte order.
 bool Admits(const ClDeviceKey& item, const ClDeviceKey& tocheck);
 
+// The first of the sorted items that admits the device, or the end.
+std::vector<ClDeviceKey>::const_iterator FirstAdmitting(const std::vector<ClDeviceKey>& items,
+                                                       const ClDeviceKey& tocheck);
+
 // True when an item of the white list file admits the device under test: same
 // vendor and name, each version at least the item's in byte order.
-bool IsInWhiteList(const char* path, int32_t gpuIndex);
+bool IsInWhiteList(const char* path, int32_t gpuIndex, const ListReader& readList = ReadListFileAnew);
 
 }  // namespace gpuvet
