@@ -49,8 +49,30 @@ add_library(tinyxml2::tinyxml2 ALIAS tinyxml2)
 
 find_package(Threads REQUIRED)
 
-set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR})
 add_subdirectory(src)
+
+# The archive a Windows user unpacks: gpuvet-VERSION-win64.zip with one folder
+# of that name holding both tools, the README as README.txt and the examples.
+set(GPUVET_ZIP_NAME gpuvet-${PROJECT_VERSION}-win64)
+set(GPUVET_ZIP ${CMAKE_BINARY_DIR}/${GPUVET_ZIP_NAME}.zip)
+set(GPUVET_ZIP_STAGE ${CMAKE_BINARY_DIR}/zip)
+# Windows line ends, so that any editor shows the README as it stands.
+file(READ ${CMAKE_SOURCE_DIR}/README.md readme)
+string(REPLACE "\n" "\r\n" readme "${readme}")
+file(WRITE ${CMAKE_BINARY_DIR}/README.txt "${readme}")
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/README.md)
+file(GLOB_RECURSE examples CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/examples/*)
+add_custom_command(OUTPUT ${GPUVET_ZIP}
+  COMMAND ${CMAKE_COMMAND} -E rm -rf ${GPUVET_ZIP_STAGE} ${GPUVET_ZIP}
+  COMMAND ${CMAKE_COMMAND} -E make_directory ${GPUVET_ZIP_STAGE}/${GPUVET_ZIP_NAME}
+  COMMAND ${CMAKE_COMMAND} -E copy $<TARGET_FILE:gpuvet> $<TARGET_FILE:gpuvet-lists> ${CMAKE_BINARY_DIR}/README.txt
+          ${GPUVET_ZIP_STAGE}/${GPUVET_ZIP_NAME}
+  COMMAND ${CMAKE_COMMAND} -E copy_directory ${CMAKE_SOURCE_DIR}/examples ${GPUVET_ZIP_STAGE}/${GPUVET_ZIP_NAME}/examples
+  COMMAND ${CMAKE_COMMAND} -E chdir ${GPUVET_ZIP_STAGE} ${CMAKE_COMMAND} -E tar cf ${GPUVET_ZIP} --format=zip
+          ${GPUVET_ZIP_NAME}
+  DEPENDS gpuvet gpuvet-lists ${CMAKE_BINARY_DIR}/README.txt ${examples}
+  COMMENT "Windows archive ${GPUVET_ZIP_NAME}.zip")
+add_custom_target(windows-zip DEPENDS ${GPUVET_ZIP})
 
 if(GPUVET_TESTS)
   enable_testing()

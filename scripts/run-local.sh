@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
-# Runs gpuvet on this machine with the sample lists and a result folder, then
-# names the exit code it ended with.
+# Runs gpuvet on this machine with the sample lists and a result folder, names
+# the exit code it ended with, and says in plain words what this machine lacks
+# when the run could not test an adapter.
+# Usage: run-local.sh BIN_DIR EXAMPLES_DIR RESULTS_DIR [GPUVET_ARGUMENTS...]
 set -u
-binary=$1 blacklist=$2 whitelist=$3 results=$4
-shift 4
+bin=$1 examples=$2 results=$3
+shift 3
 
 mkdir -p "$results"
-"$binary" --blacklist "$blacklist" --whitelist "$whitelist" --result "$results" "$@"
+"$bin/gpuvet" --blacklist "$examples/blacklist.xml" --whitelist "$examples/whitelist.xml" --result "$results" "$@"
 status=$?
 
 case $status in
@@ -22,3 +24,24 @@ case $status in
   *) name="not a gpuvet code" ;;
 esac
 echo "exit status $status: $name"
+[ "$status" -eq 246 ] || exit 0
+
+# What the run needed and did not find, in the order gpuvet looks.
+echo
+echo "What this machine lacks:"
+adapters=0
+for class in /sys/bus/pci/devices/*/class; do
+  [ -r "$class" ] && [[ $(<"$class") == 0x03* ]] && adapters=$((adapters + 1))
+done
+if [ "$adapters" -eq 0 ]; then
+  echo "- a display adapter: /sys/bus/pci/devices has no device of the display class, so there is no adapter"
+  echo "  to select (\"error  index [-1] infos.size[0]\"). Virtual machines and CI runners usually have none."
+fi
+if ! compgen -G "/etc/OpenCL/vendors/*.icd" >/dev/null; then
+  echo "- an OpenCL platform: /etc/OpenCL/vendors lists none. The GPU driver's OpenCL package brings one"
+  echo "  (nvidia-opencl-icd, mesa-opencl-icd or intel-opencl-icd on Debian)."
+elif ! "$bin/gpuvet-lists" items >/dev/null 2>&1; then
+  echo "- an OpenCL GPU device: the installed OpenCL platforms offer none."
+elif [ "$adapters" -gt 0 ]; then
+  echo "- an OpenCL device for the adapter that was tested: none matches its PCI vendor."
+fi

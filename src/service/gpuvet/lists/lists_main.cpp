@@ -8,6 +8,7 @@
 #include "lists/items.h"
 #include "lists/lint.h"
 #include "platform/runtime_text.h"
+#include "version.h"
 
 namespace gpuvet::lists {
 namespace {
@@ -18,7 +19,8 @@ constexpr const char* kUsage =
     "usage: gpuvet-lists lint [--black | --white] [--format text|json] FILE...\n"
     "       gpuvet-lists items [--gpu N] [--white | --black]\n"
     "       gpuvet-lists explain [--gpu N] [--blacklist FILE] [--whitelist FILE] [--result DIR] [--recheck N]\n"
-    "                            [--format text|json]\n";
+    "                            [--format text|json]\n"
+    "       gpuvet-lists --help | --version\n";
 
 int Usage(const std::string& why) {
   std::fprintf(stderr, "gpuvet-lists: %s\n%s", why.c_str(), kUsage);
@@ -140,6 +142,10 @@ int ListsMain(int argc, char** argv) {
   if (command == "explain") return ExplainCommand(Arguments(argc, argv));
   if (command == "--help" || command == "-h") {
     std::fputs(kUsage, stdout);
+    return 0;
+  }
+  if (command == "--version") {
+    std::printf("gpuvet-lists %s\n", kVersion);
     return 0;
   }
   return Usage(command.empty() ? "no command" : "unknown command " + command);
