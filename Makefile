@@ -48,7 +48,8 @@ test-package: deb
 
 # The whole suite in a Debug build with warnings as errors, then again under
 # AddressSanitizer and UndefinedBehaviorSanitizer, then the threaded parts under
-# ThreadSanitizer.
+# ThreadSanitizer; the Windows suite on the unpacked archive; the Debian package
+# installed into a scratch root; every fuzz target for a few seconds.
 test: deps-test test-debug test-asan test-tsan test-windows test-package test-fuzz
 
 test-debug:
