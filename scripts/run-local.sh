@@ -8,8 +8,11 @@ bin=$1 examples=$2 results=$3
 shift 3
 
 mkdir -p "$results"
-"$bin/gpuvet" --blacklist "$examples/blacklist.xml" --whitelist "$examples/whitelist.xml" --result "$results" "$@"
-status=$?
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+"$bin/gpuvet" --blacklist "$examples/blacklist.xml" --whitelist "$examples/whitelist.xml" --result "$results" "$@" |
+  tee "$log"
+status=${PIPESTATUS[0]}
 
 case $status in
   0) name="GPUVET_OK (0)" ;;
@@ -29,19 +32,19 @@ echo "exit status $status: $name"
 # What the run needed and did not find, in the order gpuvet looks.
 echo
 echo "What this machine lacks:"
-adapters=0
-for class in /sys/bus/pci/devices/*/class; do
-  [ -r "$class" ] && [[ $(<"$class") == 0x03* ]] && adapters=$((adapters + 1))
-done
-if [ "$adapters" -eq 0 ]; then
+if grep -q '^error  index \[.*\] infos.size\[0\]' "$log"; then
   echo "- a display adapter: /sys/bus/pci/devices has no device of the display class, so there is no adapter"
-  echo "  to select (\"error  index [-1] infos.size[0]\"). Virtual machines and CI runners usually have none."
+  echo "  to select (\"error  index ... infos.size[0]\"). Virtual machines and CI runners usually have none."
+elif grep -q '^error  index' "$log"; then
+  count=$(sed -n 's/^error  index \[.*\] infos.size\[\([0-9]*\)\]$/\1/p' "$log")
+  echo "- the adapter that --gpu names: there are $count, counted from 0 in the order of the adapter lines above."
 fi
-if ! compgen -G "/etc/OpenCL/vendors/*.icd" >/dev/null; then
-  echo "- an OpenCL platform: /etc/OpenCL/vendors lists none. The GPU driver's OpenCL package brings one"
+if grep -q '^num_platforms: 0' "$log" || ! compgen -G "/etc/OpenCL/vendors/*.icd" >/dev/null; then
+  echo "- an OpenCL platform: none is installed. The GPU driver's OpenCL package brings one"
   echo "  (nvidia-opencl-icd, mesa-opencl-icd or intel-opencl-icd on Debian)."
 elif ! "$bin/gpuvet-lists" items >/dev/null 2>&1; then
-  echo "- an OpenCL GPU device: the installed OpenCL platforms offer none."
-elif [ "$adapters" -gt 0 ]; then
-  echo "- an OpenCL device for the adapter that was tested: none matches its PCI vendor."
+  echo "- an OpenCL GPU device: the installed OpenCL platforms offer none (PoCL, for one, which"
+  echo "  \`make test\` installs, has CPU devices only)."
+elif grep -q '^ no platform!' "$log"; then
+  echo "- an OpenCL GPU device of the tested adapter's vendor: \`gpuvet-lists explain --gpu N\` shows the match."
 fi
