@@ -37,7 +37,7 @@ if grep -q '^error  index \[.*\] infos.size\[0\]' "$log"; then
   echo "  to select (\"error  index ... infos.size[0]\"). Virtual machines and CI runners usually have none."
 elif grep -q '^error  index' "$log"; then
   count=$(sed -n 's/^error  index \[.*\] infos.size\[\([0-9]*\)\]$/\1/p' "$log")
-  echo "- the adapter that --gpu names: there are $count, counted from 0 in the order of the adapter lines above."
+  echo "- the adapter that --gpu names: this machine has $count adapter(s), counted from 0 in the order shown above."
 fi
 if grep -q '^num_platforms: 0' "$log" || ! compgen -G "/etc/OpenCL/vendors/*.icd" >/dev/null; then
   echo "- an OpenCL platform: none is installed. The GPU driver's OpenCL package brings one"
