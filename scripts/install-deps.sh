@@ -14,7 +14,7 @@ run_packages=(
   libpci-dev pci.ids
   libtinyxml2-dev
   ocl-icd-opencl-dev ocl-icd-libopencl1 opencl-headers opencl-clhpp-headers
-  nlohmann-json3-dev
+  nlohmann-json3-dev libsimdjson-dev
   scdoc
 )
 package_packages=(
@@ -22,7 +22,7 @@ package_packages=(
 )
 test_packages=(
   pciutils util-linux mount
-  libgtest-dev libgmock-dev libbenchmark-dev
+  libgtest-dev libgmock-dev libbenchmark-dev parallel
   clang libclang-rt-dev clang-tidy cppcheck
   pocl-opencl-icd clinfo
 )

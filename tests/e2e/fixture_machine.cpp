@@ -1,5 +1,7 @@
 #include "fixture_machine.h"
 
+#include "snapshot_proof.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -130,6 +132,10 @@ const char* GpuvetBinary() {
   return GPUVET_BINARY;
 }
 
+const char* GpuvetListsBinary() {
+  return GPUVET_LISTS_BINARY;
+}
+
 const char* TestIcdLibrary() {
   return GPUVET_TEST_ICD_LIBRARY;
 }
@@ -223,7 +229,9 @@ RunResult FixtureMachine::Run(const std::vector<std::string>& argv, int timeoutS
 RunResult FixtureMachine::RunGpuvet(const std::vector<std::string>& args, int timeoutSeconds) const {
   std::vector<std::string> argv = {GpuvetBinary()};
   argv.insert(argv.end(), args.begin(), args.end());
-  return Run(argv, timeoutSeconds);
+  const RunResult live = Run(argv, timeoutSeconds);
+  ExpectSnapshotGivesTheSameRun(*this, args, live);
+  return live;
 }
 
 }  // namespace gpuvet::e2e

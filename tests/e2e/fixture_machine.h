@@ -62,7 +62,8 @@ class FixtureMachine {
   // Runs a program inside the fixture's namespace with the fixture's mounts and
   // environment; argv[0] is the program's path. Killed after timeoutSeconds.
   RunResult Run(const std::vector<std::string>& argv, int timeoutSeconds = 60) const;
-  // Runs the gpuvet binary with the arguments.
+  // Runs the gpuvet binary with the arguments; then a snapshot of the machine
+  // must give the same run (snapshot_proof.h).
   RunResult RunGpuvet(const std::vector<std::string>& args, int timeoutSeconds = 60) const;
 
  private:
@@ -74,8 +75,9 @@ class FixtureMachine {
 // Empty when runs in a private mount namespace are possible here, else why not.
 const std::string& NamespaceUnavailableReason();
 
-// The path of the gpuvet binary under test, and of the project's test ICD.
+// The path of the gpuvet binary under test, of gpuvet-lists, and of the project's test ICD.
 const char* GpuvetBinary();
+const char* GpuvetListsBinary();
 const char* TestIcdLibrary();
 
 }  // namespace gpuvet::e2e

@@ -24,7 +24,9 @@ bool IsOption(const char* element, const char* name) {
 // follow in the same pass look at the value itself. A value option that stands
 // last leaves the index on argv[argc], whose null pointer the next comparison
 // hands to the invalid parameter handler. Both are deliberate: hosts rely on them.
-int ParseCommandLine(int argc, char** argv) {
+int ParseCommandLine(int argc, char** argv) { return ParseCommandLine(argc, argv, ThisMachine()); }
+
+int ParseCommandLine(int argc, char** argv, const MachineSource& machine) {
   if (argc < 2) {
     return 1;
   }
@@ -35,7 +37,7 @@ int ParseCommandLine(int argc, char** argv) {
       options.noTest = true;
     }
     if (IsOption(argv[index], "--details")) {
-      ListClDevices();
+      AddCensusToTable(machine.takeCensus());
     }
     if (IsOption(argv[index], "--blacklist") && ++index < argc) {
       platform::StorePathValue(argv[index], options.blackListPath);

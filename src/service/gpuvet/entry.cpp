@@ -22,16 +22,18 @@ namespace {
 // No critical-error box and no fault box: nothing ever waits for a user.
 constexpr uint32_t kNoErrorDialogs = 3;
 
+}  // namespace
+
 // Everything of a run that the watchdog guards, up to its stop. The adapter
 // list, the selection and the store live on this frame and are gone before the
 // watchdog is stopped.
-int32_t CheckAdapters(const RunOptions& options) {
+int32_t CheckAdapters(const RunOptions& options, const MachineSource& machine, const ListReader& readList) {
   QDXLogSetLogLevelThreshold(qdx::kRunLogThreshold);
   QDXSetLogCallback(nullptr, OnQdxLog);
   QDXSetExceptionCallback(nullptr, OnQdxException);
 
   AdapterList adapters;
-  CollectAdapters(adapters);
+  CollectAdapters(adapters, machine);
   Print("\n");
 
   AdapterEntry selected;
@@ -52,19 +54,21 @@ int32_t CheckAdapters(const RunOptions& options) {
     return found.checkResult;
   }
 
-  const int32_t runCode = RunVerdict(selected);
+  const int32_t runCode = RunVerdict(selected, options, machine, readList);
   if (options.gpuIndex >= 0 && !options.resultDir.empty()) {
     SaveAdapterResults(store, adapters, options.gpuIndex, runCode);
   }
   return runCode;
 }
 
-int32_t RunSequence(int argc, char** argv) {
+namespace {
+
+int32_t RunSequence(int argc, char** argv, const MachineSource& machine) {
   platform::SetErrorMode(kNoErrorDialogs);
   platform::SetInvalidParameterHandler(OnInvalidParameter);
   platform::SetPureCallHandler(OnPureCall);
 
-  ParseCommandLine(argc, argv);
+  ParseCommandLine(argc, argv, machine);
   const RunOptions& options = g_runOptions;
   if (options.noTest) {
     Print("no test!\n");
@@ -73,7 +77,7 @@ int32_t RunSequence(int argc, char** argv) {
 
   ExitWatchdog watchdog(GPUVET_NOT_IN_WHITELIST, kWatchdogTickCount);
   watchdog.Start();
-  const int32_t runCode = CheckAdapters(options);
+  const int32_t runCode = CheckAdapters(options, machine, ReadListFile);
   watchdog.Stop();
   return runCode;
 }
@@ -135,9 +139,13 @@ int32_t EndRunOnEscape(const std::function<int32_t()>& run) {
 // gives the refusal of a timed-out run, never a pass.
 int32_t GpuvetMain(int argc, char** argv) {
   platform::GuardProcessEnd(GPUVET_NOT_IN_WHITELIST);
-  const int32_t runCode = EndRunOnEscape([argc, argv] { return RunSequence(argc, argv); });
+  const int32_t runCode = EndRunOnEscape([argc, argv] { return RunSequence(argc, argv, ThisMachine()); });
   platform::AllowProcessEnd();
   return runCode;
+}
+
+int32_t RunOnMachine(int argc, char** argv, const MachineSource& machine) {
+  return EndRunOnEscape([argc, argv, &machine] { return RunSequence(argc, argv, machine); });
 }
 
 void OnInvalidParameter() {

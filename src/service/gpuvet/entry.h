@@ -4,9 +4,11 @@
 #include <functional>
 
 #include "adapters/adapter_entry.h"
+#include "machine_source.h"
 #include "platform/qdx.h"
 #include "result_serialize.h"
 #include "run_options.h"
+#include "verdict/list_file.h"
 
 namespace gpuvet {
 
@@ -33,6 +35,13 @@ int32_t CodeOfRunException();
 
 // The whole run; the value becomes the process exit code.
 int32_t GpuvetMain(int argc, char** argv);
+// The whole run over the machine given, up to its code: gpuvet's command line,
+// the watchdog, the adapters, the stored verdict and the test. The process
+// guard is the caller's.
+int32_t RunOnMachine(int argc, char** argv, const MachineSource& machine);
+// The run's work under the watchdog, from the adapter library's set-up to the
+// verdict and its save; the lists come through readList.
+int32_t CheckAdapters(const RunOptions& options, const MachineSource& machine, const ListReader& readList);
 // Runs `run` and turns an exception that escapes it into the end of the run:
 // an OpenCL error gives "no platform!" and -10, any other "exception: %s" and 11.
 int32_t EndRunOnEscape(const std::function<int32_t()>& run);

@@ -13,6 +13,8 @@ std::atomic<bool> g_printSilenced{false};
 
 void SilencePrint(bool silenced) { g_printSilenced.store(silenced); }
 
+bool PrintSilenced() { return g_printSilenced.load(); }
+
 int Print(const char* format, ...) {
   if (g_printSilenced.load()) {
     return 0;

@@ -13,5 +13,6 @@ int Print(const char* format, ...) __attribute__((format(GPUVET_PRINTF_FORMAT, 1
 // Silenced, Print writes nothing and returns 0: for a program that runs the
 // tool's steps and says what they came to in words of its own.
 void SilencePrint(bool silenced);
+bool PrintSilenced();
 
 }  // namespace gpuvet

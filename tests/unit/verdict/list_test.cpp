@@ -60,7 +60,7 @@ class ListFileTest : public ::testing::Test {
   std::pair<bool, std::string> Run(ListTest listTest, const std::string& content, int32_t gpuIndex) const {
     ::testing::internal::CaptureStdout();
     ::testing::internal::CaptureStderr();
-    const bool result = listTest(Write(content).c_str(), gpuIndex);
+    const bool result = listTest(Write(content).c_str(), gpuIndex, ReadListFile);
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "") << content;
     return {result, ::testing::internal::GetCapturedStdout()};
   }

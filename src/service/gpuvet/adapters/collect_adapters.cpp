@@ -7,9 +7,11 @@
 
 namespace gpuvet {
 
-void CollectAdapters(AdapterList& adapters) {
+void CollectAdapters(AdapterList& adapters) { CollectAdapters(adapters, ThisMachine()); }
+
+void CollectAdapters(AdapterList& adapters, const MachineSource& machine) {
   adapters.clear();
-  const std::vector<qdx::platform::AdapterInfo_> records = QDXGetAdapterInfos();
+  const std::vector<qdx::platform::AdapterInfo_> records = machine.adapterRecords();
   for (const qdx::platform::AdapterInfo_& record : records) {
     AdapterEntry entry;
     entry.devID = record.deviceId;
@@ -18,7 +20,7 @@ void CollectAdapters(AdapterList& adapters) {
 
     std::string version;
     std::string date;
-    if (QueryDriverInfo(record, version, date)) {
+    if (QueryDriverInfo(record, version, date, machine.driverRows)) {
       entry.strDrvDate = date;
       entry.strDrvVer = version;
     } else {

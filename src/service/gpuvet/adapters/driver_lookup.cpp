@@ -57,9 +57,10 @@ bool TakeDriverFromRows(const qdx::platform::AdapterInfo_& record, const std::ve
 }
 
 // Each call reads the rows afresh: nothing carries over from one adapter to the next.
-bool QueryDriverInfo(const qdx::platform::AdapterInfo_& record, std::string& version, std::string& date) {
+bool QueryDriverInfo(const qdx::platform::AdapterInfo_& record, std::string& version, std::string& date,
+                     const std::function<bool(std::vector<platform::DriverRow>&)>& readRows) {
   std::vector<platform::DriverRow> rows;
-  if (!platform::QueryDriverRows(rows)) {
+  if (!readRows(rows)) {
     return false;
   }
   return TakeDriverFromRows(record, rows, version, date);

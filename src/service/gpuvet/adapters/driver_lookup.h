@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -9,8 +10,10 @@
 namespace gpuvet {
 
 // Finds the adapter's row among the machine's driver rows and takes the driver
-// version and date of the first row that fits. True when a row fitted.
-bool QueryDriverInfo(const qdx::platform::AdapterInfo_& record, std::string& version, std::string& date);
+// version and date of the first row that fits. True when a row fitted. The
+// rows are read afresh through readRows for each call.
+bool QueryDriverInfo(const qdx::platform::AdapterInfo_& record, std::string& version, std::string& date,
+                     const std::function<bool(std::vector<platform::DriverRow>&)>& readRows);
 
 // The scan of QueryDriverInfo over rows already read: prints one line per row
 // scanned and stops at the first row whose name contains the record's name or

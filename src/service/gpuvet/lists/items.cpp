@@ -1,9 +1,7 @@
 #include "lists/items.h"
 
-#include <CL/opencl.hpp>
 #include <tinyxml2.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <string>
@@ -22,26 +20,16 @@ namespace {
 
 using Origins = std::map<ClDeviceKey, std::string, bool (*)(const ClDeviceKey&, const ClDeviceKey&)>;
 
-// Where each key of the census came from: "platform NAME, device J", for the comments.
-Origins DeviceOrigins() {
+// Where each key of the census came from: "platform NAME, device J", for the
+// comments. Of two devices with one key, the first names it.
+Origins DeviceOrigins(const DeviceCensus& census) {
   Origins origins(ClDeviceKeyLess);
-  std::vector<cl::Platform> platforms;
-  try {
-    cl::Platform::get(&platforms);
-  } catch (const cl::Error&) {
-    return origins;
-  }
-  for (const cl::Platform& platform : platforms) {
-    try {
-      std::vector<cl::Device> devices;
-      platform.getDevices(CL_DEVICE_TYPE_GPU, &devices);
-      std::string name = platform.getInfo<CL_PLATFORM_NAME>();
-      name.resize(std::min(name.size(), name.find('\0')));
-      for (std::size_t j = 0; j < devices.size(); ++j) {
-        origins.emplace(FetchDeviceKey(devices[j]), "platform \"" + name + "\", device " + std::to_string(j));
+  for (const CensusPlatform& platform : census.platforms) {
+    for (std::size_t j = 0; j < platform.devices.size(); ++j) {
+      if (platform.devices[j].key) {
+        origins.emplace(*platform.devices[j].key,
+                        "platform \"" + platform.name.value_or("") + "\", device " + std::to_string(j));
       }
-    } catch (const cl::Error&) {
-      // A platform without a GPU, or one that fails, gave the census no row either.
     }
   }
   return origins;
@@ -81,18 +69,18 @@ void PrintItem(tinyxml2::XMLPrinter& printer, const ClDeviceKey& key, const std:
 
 int PrintItems(int32_t gpuIndex, ListKind wrapIn) {
   SilencePrint(true);
+  const MachineSource machine = ThisMachine();
   AdapterList adapters;
-  CollectAdapters(adapters);
+  CollectAdapters(adapters, machine);
   AdapterEntry selected;
   if (gpuIndex >= 0 && SelectAdapter(gpuIndex, adapters, selected) != 0) {
     std::fprintf(stderr, "gpuvet-lists: no adapter %d: the machine has %zu\n", static_cast<int>(gpuIndex),
                  adapters.size());
     return 1;
   }
-  try {
-    ListClDevices();
-  } catch (const cl::Error&) {
-    // No platform at all: no device.
+  const DeviceCensus census = machine.takeCensus();
+  if (!census.platformListFailed) {  // else no platform at all: no device
+    AddCensusToTable(census);
   }
 
   std::vector<ClDeviceKey> devices = ClDeviceTable;
@@ -108,7 +96,7 @@ int PrintItems(int32_t gpuIndex, ListKind wrapIn) {
     return 1;
   }
 
-  const Origins origins = DeviceOrigins();
+  const Origins origins = DeviceOrigins(census);
   tinyxml2::XMLPrinter printer;
   const char* root = wrapIn == ListKind::kBlack ? kBlackListRoot : kWhiteListRoot;
   if (wrapIn != ListKind::kEither) {

@@ -1,9 +1,11 @@
 #include "lists/lists_main.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
 
+#include "fleet/fleet_commands.h"
 #include "lists/explain.h"
 #include "lists/items.h"
 #include "lists/lint.h"
@@ -20,6 +22,8 @@ constexpr const char* kUsage =
     "       gpuvet-lists items [--gpu N] [--white | --black]\n"
     "       gpuvet-lists explain [--gpu N] [--blacklist FILE] [--whitelist FILE] [--result DIR] [--recheck N]\n"
     "                            [--format text|json]\n"
+    "       gpuvet-lists snapshot [-o FILE]\n"
+    "       gpuvet-lists verdict --snapshot FILE [gpuvet's options]\n"
     "       gpuvet-lists --help | --version\n";
 
 int Usage(const std::string& why) {
@@ -140,6 +144,9 @@ int ListsMain(int argc, char** argv) {
   if (command == "lint") return Lint(Arguments(argc, argv));
   if (command == "items") return Items(Arguments(argc, argv));
   if (command == "explain") return ExplainCommand(Arguments(argc, argv));
+  const std::vector<std::string> rest(argv + std::min(argc, 2), argv + argc);
+  if (command == "snapshot") return fleet::SnapshotCommand(rest);
+  if (command == "verdict") return fleet::VerdictCommand(rest);
   if (command == "--help" || command == "-h") {
     std::fputs(kUsage, stdout);
     return 0;

@@ -14,9 +14,9 @@ std::vector<ClDeviceKey> BlackListDevicesUnderTest(int32_t gpuIndex) {
   return gpuIndex >= 0 ? std::vector<ClDeviceKey>{SelectedClDevice} : ClDeviceTable;
 }
 
-bool IsInBlackList(const char* path, int32_t gpuIndex) {
+bool IsInBlackList(const char* path, int32_t gpuIndex, const ListReader& readList) {
   Print("check before in black list start\n");
-  const ListFile list = ReadListFile(path, kBlackListRoot);
+  const ListFile list = readList(path, kBlackListRoot);
   if (list.outcome != ListFileOutcome::kRead) {
     return false;  // an unreadable list holds no device
   }

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "opencl/cl_device_key.h"
+#include "verdict/list_file.h"
 
 namespace gpuvet {
 
@@ -13,6 +14,6 @@ std::vector<ClDeviceKey> BlackListDevicesUnderTest(int32_t gpuIndex);
 
 // True when a device under test equals an item of the black list file in all
 // five fields. An unreadable file gives false.
-bool IsInBlackList(const char* path, int32_t gpuIndex);
+bool IsInBlackList(const char* path, int32_t gpuIndex, const ListReader& readList = ReadListFile);
 
 }  // namespace gpuvet

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -35,6 +36,8 @@ std::unique_ptr<tinyxml2::XMLDocument> NewListDocument();
 
 // Reads the items of the list file at path whose root element is named rootName.
 ListFile ReadListFile(const char* path, const char* rootName);
+// How a run gets a list: read from the file each time, or lists read once before.
+using ListReader = std::function<ListFile(const char* path, const char* rootName)>;
 
 // The steps of the reading, one item at a time. The items are the run of
 // sibling elements that starts at the root's first "Item" and ends at the first

@@ -1,7 +1,5 @@
 #include "verdict/run_verdict.h"
 
-#include <CL/opencl.hpp>
-
 #include <string>
 
 #include "opencl/cl_device_key.h"
@@ -14,16 +12,6 @@
 #include "verdict/white_list.h"
 
 namespace gpuvet {
-namespace {
-
-// The count alone; a failing call leaves it at 0, so its result is not looked at.
-cl_uint CountPlatforms() {
-  cl_uint count = 0;
-  clGetPlatformIDs(0, nullptr, &count);
-  return count;
-}
-
-}  // namespace
 
 // A plain byte comparison with the year's text, not a date calculation: a date
 // of the year itself is longer and so not older, "2012" (the date of a failed
@@ -33,16 +21,21 @@ bool IsOldDriver(const std::string& driverDate) {
 }
 
 int32_t RunVerdict(const AdapterEntry& selected) {
-  const RunOptions& options = g_runOptions;
+  return RunVerdict(selected, g_runOptions, ThisMachine(), ReadListFile);
+}
+
+int32_t RunVerdict(const AdapterEntry& selected, const RunOptions& options, const MachineSource& machine,
+                   const ListReader& readList) {
   Print("gpuvet begin\n");
-  const cl_uint platformCount = CountPlatforms();
+  // A failing count leaves it at 0.
+  const uint32_t platformCount = machine.countPlatforms();
   Print("num_platforms: %d\n", static_cast<int>(platformCount));
   if (platformCount == 0) {
     Print("no platform!\n");
     return GPUVET_NO_PLATFORM;
   }
 
-  ListClDevices();
+  AddCensusToTable(machine.takeCensus());
 
   Print("check platforms begin\n");
   const int32_t gpuIndex = options.gpuIndex;
@@ -55,14 +48,14 @@ int32_t RunVerdict(const AdapterEntry& selected) {
     return matchCode;
   }
 
-  if (!options.blackListPath.empty() && IsInBlackList(options.blackListPath.c_str(), gpuIndex)) {
+  if (!options.blackListPath.empty() && IsInBlackList(options.blackListPath.c_str(), gpuIndex, readList)) {
     Print("in blacklist!\n");
     return GPUVET_IN_BLACKLIST;
   }
 
   // Worked out ahead of the white list, told only after it has answered.
   const bool oldDriver = IsOldDriver(selected.strDrvDate);
-  if (!options.whiteListPath.empty() && !IsInWhiteList(options.whiteListPath.c_str(), gpuIndex)) {
+  if (!options.whiteListPath.empty() && !IsInWhiteList(options.whiteListPath.c_str(), gpuIndex, readList)) {
     Print("not in whitelist!\n");
     if (!oldDriver) {
       return GPUVET_NOT_IN_WHITELIST;

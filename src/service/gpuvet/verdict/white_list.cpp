@@ -36,9 +36,9 @@ bool Admits(const ClDeviceKey& item, const ClDeviceKey& tocheck) {
          AtLeast(tocheck.DriverVersion, item.DriverVersion);
 }
 
-bool IsInWhiteList(const char* path, int32_t gpuIndex) {
+bool IsInWhiteList(const char* path, int32_t gpuIndex, const ListReader& readList) {
   Print("check before in white list start\n");
-  const ListFile list = ReadListFile(path, kWhiteListRoot);
+  const ListFile list = readList(path, kWhiteListRoot);
   if (list.outcome != ListFileOutcome::kRead) {
     return false;  // an unreadable list admits no device
   }

@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "opencl/cl_device_key.h"
+#include "verdict/list_file.h"
 
 namespace gpuvet {
 
@@ -17,6 +18,6 @@ bool Admits(const ClDeviceKey& item, const ClDeviceKey& tocheck);
 
 // True when an item of the white list file admits the device under test: same
 // vendor and name, each version at least the item's in byte order.
-bool IsInWhiteList(const char* path, int32_t gpuIndex);
+bool IsInWhiteList(const char* path, int32_t gpuIndex, const ListReader& readList = ReadListFile);
 
 }  // namespace gpuvet

@@ -1,0 +1,9 @@
+#include "machine_source.h"
+
+namespace gpuvet {
+
+MachineSource ThisMachine() {
+  return MachineSource{QDXGetAdapterInfos, platform::QueryDriverRows, CountClPlatforms, TakeClCensus};
+}
+
+}  // namespace gpuvet
