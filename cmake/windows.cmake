@@ -47,6 +47,19 @@ target_include_directories(tinyxml2 SYSTEM PUBLIC ${GPUVET_TINYXML2_DIR})
 target_compile_options(tinyxml2 PRIVATE -w)
 add_library(tinyxml2::tinyxml2 ALIAS tinyxml2)
 
+# simdjson the same way, from its single-source form. A config file that only
+# says "found" lets find_package(simdjson) take this target.
+file(GLOB GPUVET_SIMDJSON_DIR LIST_DIRECTORIES true ${GPUVET_WINDOWS_DEPS}/simdjson-*)
+if(NOT GPUVET_SIMDJSON_DIR OR NOT EXISTS ${GPUVET_SIMDJSON_DIR}/singleheader/simdjson.cpp)
+  message(FATAL_ERROR "no simdjson source under ${GPUVET_WINDOWS_DEPS}: run scripts/install-windows-deps.sh")
+endif()
+add_library(simdjson STATIC ${GPUVET_SIMDJSON_DIR}/singleheader/simdjson.cpp)
+target_include_directories(simdjson SYSTEM PUBLIC ${GPUVET_SIMDJSON_DIR}/singleheader)
+target_compile_options(simdjson PRIVATE -w)
+add_library(simdjson::simdjson ALIAS simdjson)
+file(WRITE ${CMAKE_BINARY_DIR}/simdjson-config/simdjson-config.cmake "# simdjson::simdjson is built from source\n")
+set(simdjson_DIR ${CMAKE_BINARY_DIR}/simdjson-config CACHE PATH "" FORCE)
+
 find_package(Threads REQUIRED)
 
 add_subdirectory(src)

@@ -48,3 +48,19 @@ elif ! "$bin/gpuvet-lists" items >/dev/null 2>&1; then
 elif grep -q '^ no platform!' "$log"; then
   echo "- an OpenCL GPU device of the tested adapter's vendor: \`gpuvet-lists explain --gpu N\` shows the match."
 fi
+
+# What a run looks like where there is something to test: gpuvet's own run over
+# a recorded machine of the example fleet, with the same sample lists.
+example=hybrid-laptop
+snapshot=$examples/fleet/$example.json
+[ -f "$snapshot" ] || exit 0
+echo
+echo "For comparison, a whole run on an example machine, $snapshot (an Intel and an NVIDIA"
+echo "adapter, one OpenCL GPU each), testing its NVIDIA adapter with the same lists:"
+echo "  $bin/gpuvet-lists verdict --snapshot $snapshot --gpu 1 --blacklist ... --whitelist ..."
+echo "It shows the adapters, the OpenCL census, the device matched to the adapter, the black and white"
+echo "list tests and the verdict: this device is not in the sample white list, so the run ends with 11."
+echo
+"$bin/gpuvet-lists" verdict --snapshot "$snapshot" --gpu 1 --blacklist "$examples/blacklist.xml" \
+  --whitelist "$examples/whitelist.xml"
+echo "exit status $?"
