@@ -28,6 +28,13 @@ status=0
 "$root/usr/bin/gpuvet-lists" lint "$root/usr/share/doc/gpuvet/examples/"*.xml ||
   fail "gpuvet-lists lint of the installed examples gave $?"
 
+# The example machines, read whole (uncompressed) by the installed tool.
+for snapshot in "$root/usr/share/doc/gpuvet/examples/fleet/"*; do
+  status=0
+  "$root/usr/bin/gpuvet-lists" verdict --snapshot "$snapshot" --notest >/dev/null || status=$?
+  [ "$status" -eq 255 ] || fail "gpuvet-lists verdict --snapshot $snapshot --notest gave $status, not 255"
+done
+
 said=$("$root/usr/bin/gpuvet-lists" --version)
 [ "$said" = "gpuvet-lists $version" ] || fail "gpuvet-lists --version says '$said', not $version"
 
