@@ -20,6 +20,6 @@ mkdir -p "$source"
   while IFS= read -r -d '' file; do [ -e "$file" ] && printf '%s\0' "$file"; done |
   tar --null -T - -cf -) | tar -xf - -C "$source"
 
-(cd "$source" && DEB_BUILD_OPTIONS="parallel=$jobs" dpkg-buildpackage -b -us -uc)
+(cd "$source" && DEB_BUILD_OPTIONS="parallel=$jobs noddebs" dpkg-buildpackage -b -us -uc)
 lintian --fail-on error,warning --display-level '>=warning' "$out/gpuvet_${version}_"*.changes
 echo "package: $(ls "$out/gpuvet_${version}_"*.deb)"
