@@ -33,7 +33,7 @@ run: deps-run build
 	@bash scripts/run-local.sh $(BUILD)/release/bin examples $(BUILD)/results $(GPUVET_ARGS)
 
 # The tools into $(DESTDIR)$(PREFIX)/bin, the manual pages into share/man/man1,
-# the README and the example lists into share/doc/gpuvet.
+# the README into share/doc/gpuvet, the examples into share/doc/gpuvet/examples.
 install: build
 	DESTDIR=$(DESTDIR) cmake --install $(BUILD)/release --prefix $(PREFIX)
 

@@ -1,5 +1,5 @@
-# make install: the two tools, their manual pages, the README and the examples
-# under the documentation folder. PREFIX and DESTDIR come from the Makefile.
+# make install: the two tools, their manual pages, and the README, the example
+# lists and the example machines under the documentation folder. PREFIX and DESTDIR come from the Makefile.
 include(GNUInstallDirs)
 
 install(TARGETS gpuvet gpuvet-lists RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
