@@ -53,7 +53,10 @@ fi
 # a recorded machine of the example fleet, with the same sample lists.
 example=hybrid-laptop
 snapshot=$examples/fleet/$example.json
-[ -f "$snapshot" ] || exit 0
+if [ ! -f "$snapshot" ]; then
+  echo "(the example machine $snapshot is missing: nothing to compare with)"
+  exit 0
+fi
 echo
 echo "For comparison, a whole run on an example machine, $snapshot (an Intel and an NVIDIA"
 echo "adapter, one OpenCL GPU each), testing its NVIDIA adapter with the same lists:"
