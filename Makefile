@@ -5,8 +5,13 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 # Extra gpuvet arguments for `make run`, e.g. GPUVET_ARGS="--gpu 0 --details".
 GPUVET_ARGS ?=
+# Where `make install` puts the tools; DESTDIR, when set, is put in front of it.
+PREFIX ?= /usr/local
+# The project's version, kept in CMakeLists.txt alone.
+VERSION := $(shell grep -om1 'gpuvet VERSION [0-9.]*' CMakeLists.txt | cut -d' ' -f3)
 
-.PHONY: all build deps-run deps-test run test test-debug test-asan test-tsan fuzz bench lint clean windows test-windows
+.PHONY: all build deps-run deps-test deps-package run install test test-debug test-asan test-tsan \
+	test-package test-fuzz fuzz fuzz-build bench lint clean deb windows windows-zip test-windows
 
 all: build
 
@@ -16,18 +21,36 @@ deps-run:
 deps-test:
 	@bash scripts/install-deps.sh test
 
+deps-package:
+	@bash scripts/install-deps.sh package
+
+# Both tools and their manual pages: $(BUILD)/release/bin/ and $(BUILD)/release/man/.
 build:
 	cmake -S . -B $(BUILD)/release -DCMAKE_BUILD_TYPE=Release -DGPUVET_TESTS=OFF
-	cmake --build $(BUILD)/release -j$(JOBS) --target gpuvet gpuvet-lists
+	cmake --build $(BUILD)/release -j$(JOBS)
 
 run: deps-run build
-	@bash scripts/run-local.sh $(BUILD)/release/src/gpuvet examples/blacklist.xml examples/whitelist.xml \
-		$(BUILD)/results $(GPUVET_ARGS)
+	@bash scripts/run-local.sh $(BUILD)/release/bin examples $(BUILD)/results $(GPUVET_ARGS)
+
+# The tools into $(DESTDIR)$(PREFIX)/bin, the manual pages into share/man/man1,
+# the README into share/doc/gpuvet, the examples into share/doc/gpuvet/examples.
+install: build
+	DESTDIR=$(DESTDIR) cmake --install $(BUILD)/release --prefix $(PREFIX)
+
+# The Debian package, built the Debian way from a copy of the sources in
+# $(BUILD)/deb, and checked with lintian: $(BUILD)/deb/gpuvet_$(VERSION)_*.deb.
+deb: deps-package
+	bash scripts/build-deb.sh $(BUILD)/deb $(VERSION) $(JOBS)
+
+# The package installed into a scratch root, and both tools run from there.
+test-package: deb
+	bash scripts/check-package.sh $(BUILD)/deb $(VERSION)
 
 # The whole suite in a Debug build with warnings as errors, then again under
 # AddressSanitizer and UndefinedBehaviorSanitizer, then the threaded parts under
-# ThreadSanitizer.
-test: deps-test test-debug test-asan test-tsan test-windows
+# ThreadSanitizer; the Windows suite on the unpacked archive; the Debian package
+# installed into a scratch root; every fuzz target for a few seconds.
+test: deps-test test-debug test-asan test-tsan test-windows test-package test-fuzz
 
 test-debug:
 	cmake -S . -B $(BUILD)/test -DCMAKE_BUILD_TYPE=Debug -DGPUVET_WERROR=ON
@@ -40,32 +63,45 @@ test-asan:
 	cd $(BUILD)/asan && ctest --output-on-failure -j$(JOBS)
 
 test-tsan:
-	cmake -S . -B $(BUILD)/tsan -DCMAKE_BUILD_TYPE=Debug -DGPUVET_WERROR=ON -DGPUVET_SANITIZE=thread
-	cmake --build $(BUILD)/tsan -j$(JOBS)
+	cmake -S . -B $(BUILD)/tsan -DCMAKE_BUILD_TYPE=Debug -DGPUVET_WERROR=ON -DGPUVET_SANITIZE=thread \
+		-DGPUVET_MANUALS=OFF
+	cmake --build $(BUILD)/tsan -j$(JOBS) --target threaded-tests
 	cd $(BUILD)/tsan && ctest --output-on-failure -j$(JOBS) -L 'watchdog|e2e'
 
-# gpuvet.exe for 64-bit Windows, cross-built with mingw-w64: $(BUILD)/windows/gpuvet.exe.
+# Both tools for 64-bit Windows, cross-built with mingw-w64: $(BUILD)/windows/bin/*.exe.
 WINDOWS_DEPS = $(abspath $(BUILD))/windows-deps
 windows:
 	@bash scripts/install-windows-deps.sh $(WINDOWS_DEPS)
 	cmake -S . -B $(BUILD)/windows -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake -DCMAKE_BUILD_TYPE=Release \
 		-DGPUVET_WERROR=ON -DGPUVET_WINDOWS_DEPS=$(WINDOWS_DEPS) \
 		-DGPUVET_TEST_ICD=$(abspath $(BUILD))/windows/libgpuvet_test_icd.so
-	cmake --build $(BUILD)/windows -j$(JOBS) --target gpuvet
+	cmake --build $(BUILD)/windows -j$(JOBS) --target gpuvet gpuvet-lists
 
-# The Windows suite: the real gpuvet.exe under Wine, with the test ICD built natively.
-test-windows: windows
+# $(BUILD)/windows/gpuvet-$(VERSION)-win64.zip: both .exe files, README.txt and the examples.
+windows-zip: windows
+	cmake --build $(BUILD)/windows -j$(JOBS) --target windows-zip
+
+# The Windows suite: the executables of the unpacked archive under Wine, with
+# the test ICD built natively.
+test-windows: windows-zip
 	cmake --build $(BUILD)/windows -j$(JOBS)
 	cc -shared -fPIC -O1 -o $(BUILD)/windows/libgpuvet_test_icd.so tests/test_icd/test_icd.c
 	cd $(BUILD)/windows && ctest --output-on-failure -L windows
 
-# Every libFuzzer target for FUZZ_SECONDS each (clang, ASan and UBSan).
+# Every libFuzzer target for FUZZ_SECONDS each (clang, ASan and UBSan); what a
+# run finds lands in $(BUILD)/fuzz/artifacts/TARGET/.
 FUZZ_SECONDS ?= 60
-fuzz: deps-test
+fuzz-build: deps-test
 	cmake -S . -B $(BUILD)/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
-		-DCMAKE_CXX_COMPILER=clang++ -DGPUVET_FUZZ=ON -DGPUVET_TESTS=OFF
+		-DCMAKE_CXX_COMPILER=clang++ -DGPUVET_FUZZ=ON -DGPUVET_TESTS=OFF -DGPUVET_MANUALS=OFF
 	cmake --build $(BUILD)/fuzz -j$(JOBS)
+
+fuzz: fuzz-build
 	bash scripts/run-fuzzers.sh $(BUILD)/fuzz $(FUZZ_SECONDS)
+
+# In `make test`: every target builds and runs a few seconds, so none can rot.
+test-fuzz: fuzz-build
+	bash scripts/run-fuzzers.sh $(BUILD)/fuzz 5
 
 # The fleet of the impact benchmark: this many snapshots against lists of 1,000 items.
 FLEET_MACHINES ?= 1000000

@@ -2,8 +2,11 @@
 // text alone: a 10 MB file of host data and records, and one of many small
 // objects, which a reader that rescans its parent would take quadratic time on.
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <stdlib.h>
 #include <unistd.h>
+
+#include <ext/stdio_filebuf.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -74,12 +77,18 @@ int main(int argc, char** argv) {
   benchmark::RegisterBenchmark("ParseAlone/200000_objects", BM_ParseAlone, many)->Unit(benchmark::kMillisecond);
   benchmark::Initialize(&argc, argv);
   // The reader prints the file it read: standard output goes to /dev/null, the
-  // figures to the stream that was standard output.
-  std::ofstream figures("/proc/self/fd/" + std::to_string(dup(STDOUT_FILENO)));
-  if (std::freopen("/dev/null", "w", stdout) == nullptr) {
+  // figures to a copy of the descriptor that was standard output, so that they
+  // follow what the caller wrote there before (a report file stays whole).
+  __gnu_cxx::stdio_filebuf<char> figuresBuffer(dup(STDOUT_FILENO), std::ios::out);
+  std::ostream figures(&figuresBuffer);
+  std::fflush(stdout);
+  const int null = open("/dev/null", O_WRONLY);
+  if (null < 0 || dup2(null, STDOUT_FILENO) < 0) {
     return 1;
   }
-  benchmark::ConsoleReporter reporter;
+  close(null);
+  // Plain text: the figures go to a report, never to a terminal.
+  benchmark::ConsoleReporter reporter(benchmark::ConsoleReporter::OO_Tabular);
   reporter.SetOutputStream(&figures);
   reporter.SetErrorStream(&figures);
   benchmark::RunSpecifiedBenchmarks(&reporter);

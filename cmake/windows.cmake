@@ -47,10 +47,45 @@ target_include_directories(tinyxml2 SYSTEM PUBLIC ${GPUVET_TINYXML2_DIR})
 target_compile_options(tinyxml2 PRIVATE -w)
 add_library(tinyxml2::tinyxml2 ALIAS tinyxml2)
 
+# simdjson the same way, from its single-source form. A config file that only
+# says "found" lets find_package(simdjson) take this target.
+file(GLOB GPUVET_SIMDJSON_DIR LIST_DIRECTORIES true ${GPUVET_WINDOWS_DEPS}/simdjson-*)
+if(NOT GPUVET_SIMDJSON_DIR OR NOT EXISTS ${GPUVET_SIMDJSON_DIR}/singleheader/simdjson.cpp)
+  message(FATAL_ERROR "no simdjson source under ${GPUVET_WINDOWS_DEPS}: run scripts/install-windows-deps.sh")
+endif()
+add_library(simdjson STATIC ${GPUVET_SIMDJSON_DIR}/singleheader/simdjson.cpp)
+target_include_directories(simdjson SYSTEM PUBLIC ${GPUVET_SIMDJSON_DIR}/singleheader)
+target_compile_options(simdjson PRIVATE -w)
+add_library(simdjson::simdjson ALIAS simdjson)
+file(WRITE ${CMAKE_BINARY_DIR}/simdjson-config/simdjson-config.cmake "# simdjson::simdjson is built from source\n")
+set(simdjson_DIR ${CMAKE_BINARY_DIR}/simdjson-config CACHE PATH "" FORCE)
+
 find_package(Threads REQUIRED)
 
-set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR})
 add_subdirectory(src)
+
+# The archive a Windows user unpacks: gpuvet-VERSION-win64.zip with one folder
+# of that name holding both tools, the README as README.txt and the examples.
+set(GPUVET_ZIP_NAME gpuvet-${PROJECT_VERSION}-win64)
+set(GPUVET_ZIP ${CMAKE_BINARY_DIR}/${GPUVET_ZIP_NAME}.zip)
+set(GPUVET_ZIP_STAGE ${CMAKE_BINARY_DIR}/zip)
+# Windows line ends, so that any editor shows the README as it stands.
+file(READ ${CMAKE_SOURCE_DIR}/README.md readme)
+string(REPLACE "\n" "\r\n" readme "${readme}")
+file(WRITE ${CMAKE_BINARY_DIR}/README.txt "${readme}")
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/README.md)
+file(GLOB_RECURSE examples CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/examples/*)
+add_custom_command(OUTPUT ${GPUVET_ZIP}
+  COMMAND ${CMAKE_COMMAND} -E rm -rf ${GPUVET_ZIP_STAGE} ${GPUVET_ZIP}
+  COMMAND ${CMAKE_COMMAND} -E make_directory ${GPUVET_ZIP_STAGE}/${GPUVET_ZIP_NAME}
+  COMMAND ${CMAKE_COMMAND} -E copy $<TARGET_FILE:gpuvet> $<TARGET_FILE:gpuvet-lists> ${CMAKE_BINARY_DIR}/README.txt
+          ${GPUVET_ZIP_STAGE}/${GPUVET_ZIP_NAME}
+  COMMAND ${CMAKE_COMMAND} -E copy_directory ${CMAKE_SOURCE_DIR}/examples ${GPUVET_ZIP_STAGE}/${GPUVET_ZIP_NAME}/examples
+  COMMAND ${CMAKE_COMMAND} -E chdir ${GPUVET_ZIP_STAGE} ${CMAKE_COMMAND} -E tar cf ${GPUVET_ZIP} --format=zip
+          ${GPUVET_ZIP_NAME}
+  DEPENDS gpuvet gpuvet-lists ${CMAKE_BINARY_DIR}/README.txt ${examples}
+  COMMENT "Windows archive ${GPUVET_ZIP_NAME}.zip")
+add_custom_target(windows-zip DEPENDS ${GPUVET_ZIP})
 
 if(GPUVET_TESTS)
   enable_testing()

@@ -20,14 +20,14 @@ report=$build/report.md
   echo "## List files: each list test against the XML parse of the same file alone"
   echo
   echo '```'
-  "$build/bench/gpuvet_bench_lists" --benchmark_repetitions=5 --benchmark_enable_random_interleaving=true \
+  "$build/bin/gpuvet_bench_lists" --benchmark_color=false --benchmark_repetitions=5 --benchmark_enable_random_interleaving=true \
     --benchmark_report_aggregates_only=true 2>&1
   echo '```'
   echo
   echo "## The result file: the reader against the JSON parse of the same text alone"
   echo
   echo '```'
-  "$build/bench/gpuvet_bench_result_file" --benchmark_repetitions=3 --benchmark_report_aggregates_only=true 2>&1
+  "$build/bin/gpuvet_bench_result_file" --benchmark_color=false --benchmark_repetitions=3 --benchmark_report_aggregates_only=true 2>&1
   echo '```'
   echo
   echo "## impact: $machines snapshots (JSON Lines) against lists of 1,000 items"
@@ -47,7 +47,7 @@ report=$build/report.md
   echo
   echo "## Whole runs"
   echo
-  "$build/bench/gpuvet_bench_whole_run"
+  "$build/bin/gpuvet_bench_whole_run"
 } > "$report"
 cat "$report"
 echo "report: $report"

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that gpuvet needs, for one purpose:
-#   run   building and running the tool
-#   test  the tests, the fuzzers and the benchmarks too
+#   run      building and running the tools, with their manual pages
+#   package  building the Debian package and checking it (lintian, groff)
+#   test     the tests, the fuzzers, the benchmarks and the package too
 # Running the tool never installs an OpenCL platform: one installed for the
 # tests (PoCL) changes the verdict the tool gives on this machine.
 # Does nothing when all of them are there; runs apt-get update only when one is missing.
@@ -14,6 +15,10 @@ run_packages=(
   libtinyxml2-dev
   ocl-icd-opencl-dev ocl-icd-libopencl1 opencl-headers opencl-clhpp-headers
   nlohmann-json3-dev libsimdjson-dev
+  scdoc
+)
+package_packages=(
+  debhelper dpkg-dev lintian groff-base
 )
 test_packages=(
   pciutils util-linux mount
@@ -24,8 +29,9 @@ test_packages=(
 
 case $purpose in
   run) packages=("${run_packages[@]}") ;;
-  test) packages=("${run_packages[@]}" "${test_packages[@]}") ;;
-  *) echo "usage: $0 run|test" >&2; exit 2 ;;
+  package) packages=("${run_packages[@]}" "${package_packages[@]}") ;;
+  test) packages=("${run_packages[@]}" "${package_packages[@]}" "${test_packages[@]}") ;;
+  *) echo "usage: $0 run|package|test" >&2; exit 2 ;;
 esac
 
 installed() {

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs what the Windows build (mingw-w64) and its tests under Wine need, and
-# fetches Debian's tinyxml2 source for the cross build. Used by `make windows`
+# fetches the Debian sources of tinyxml2 and simdjson for the cross build. Used by `make windows`
 # and `make test`, never by `make run`. Does nothing when all is there.
 set -euo pipefail
 
@@ -28,13 +28,15 @@ if [ ${#missing[@]} -gt 0 ]; then
   DEBIAN_FRONTEND=noninteractive "${sudo[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
-# tinyxml2 has no mingw package: its Debian source is built with the cross
-# toolchain. apt needs a deb-src entry for the running release to fetch it.
+# tinyxml2 and simdjson have no mingw package: their Debian sources are built
+# with the cross toolchain. apt needs a deb-src entry for the running release.
 source_dir="${1:-build/windows-deps}"
-if ! compgen -G "$source_dir/tinyxml2-*/tinyxml2.cpp" >/dev/null; then
-  if ! apt-get source --print-uris tinyxml2 >/dev/null 2>&1; then
+declare -A source_files=([tinyxml2]=tinyxml2.cpp [simdjson]=singleheader/simdjson.cpp)
+for package in tinyxml2 simdjson; do
+  compgen -G "$source_dir/$package-*/${source_files[$package]}" >/dev/null && continue
+  if ! apt-get source --print-uris "$package" >/dev/null 2>&1; then
     . /etc/os-release
-    echo "adding a deb-src entry for $VERSION_CODENAME (for the tinyxml2 source of the Windows build)"
+    echo "adding a deb-src entry for $VERSION_CODENAME (for the $package source of the Windows build)"
     # The same archive as the release's own binary entry, with its keyring.
     uri=$(apt-get indextargets --format '$(REPO_URI) $(RELEASE)' 'Created-By: Packages' |
       awk -v release="$VERSION_CODENAME" '$2 == release { print $1; exit }')
@@ -44,5 +46,5 @@ if ! compgen -G "$source_dir/tinyxml2-*/tinyxml2.cpp" >/dev/null; then
     "${sudo[@]}" apt-get update -qq
   fi
   mkdir -p "$source_dir"
-  (cd "$source_dir" && apt-get source -qq tinyxml2 >/dev/null)
-fi
+  (cd "$source_dir" && apt-get source -qq "$package" >/dev/null)
+done

@@ -14,6 +14,7 @@
 #include "lists/lint.h"
 #include "lists/text_compare.h"
 #include "platform/runtime_text.h"
+#include "version.h"
 
 namespace gpuvet::lists {
 namespace {
@@ -29,7 +30,8 @@ constexpr const char* kUsage =
     "       gpuvet-lists verdict --snapshot FILE [GPUVET-ARGUMENTS...]\n"
     "       gpuvet-lists impact --blacklist F --whitelist F --new-blacklist F --new-whitelist F [--gpu N]\n"
     "                           [--format text|json|csv] [--partial] [--input-name NAME] [SNAPSHOT... | -]\n"
-    "       gpuvet-lists impact --merge PARTIAL... [--format text|json|csv]\n";
+    "       gpuvet-lists impact --merge PARTIAL... [--format text|json|csv]\n"
+    "       gpuvet-lists --help | --version\n";
 
 int Usage(const std::string& why) {
   std::fprintf(stderr, "gpuvet-lists: %s\n%s", why.c_str(), kUsage);
@@ -175,6 +177,10 @@ int ListsMain(int argc, char** argv) {
   if (command == "impact") return fleet::ImpactCommand(rest);
   if (command == "--help" || command == "-h") {
     std::fputs(kUsage, stdout);
+    return 0;
+  }
+  if (command == "--version") {
+    std::printf("gpuvet-lists %s\n", kVersion);
     return 0;
   }
   return Usage(command.empty() ? "no command" : "unknown command " + command);
