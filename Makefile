@@ -74,7 +74,8 @@ windows:
 	@bash scripts/install-windows-deps.sh $(WINDOWS_DEPS)
 	cmake -S . -B $(BUILD)/windows -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake -DCMAKE_BUILD_TYPE=Release \
 		-DGPUVET_WERROR=ON -DGPUVET_WINDOWS_DEPS=$(WINDOWS_DEPS) \
-		-DGPUVET_TEST_ICD=$(abspath $(BUILD))/windows/libgpuvet_test_icd.so
+		-DGPUVET_TEST_ICD=$(abspath $(BUILD))/windows/libgpuvet_test_icd.so \
+		-DGPUVET_NATIVE_LISTS=$(abspath $(BUILD))/test/bin/gpuvet-lists
 	cmake --build $(BUILD)/windows -j$(JOBS) --target gpuvet gpuvet-lists
 
 # $(BUILD)/windows/gpuvet-$(VERSION)-win64.zip: both .exe files, README.txt and the examples.
@@ -82,8 +83,11 @@ windows-zip: windows
 	cmake --build $(BUILD)/windows -j$(JOBS) --target windows-zip
 
 # The Windows suite: the executables of the unpacked archive under Wine, with
-# the test ICD built natively.
+# the test ICD built natively, and the native gpuvet-lists of the Debug build
+# reading the snapshots taken under Wine.
 test-windows: windows-zip
+	cmake -S . -B $(BUILD)/test -DCMAKE_BUILD_TYPE=Debug -DGPUVET_WERROR=ON
+	cmake --build $(BUILD)/test -j$(JOBS) --target gpuvet-lists
 	cmake --build $(BUILD)/windows -j$(JOBS)
 	cc -shared -fPIC -O1 -o $(BUILD)/windows/libgpuvet_test_icd.so tests/test_icd/test_icd.c
 	cd $(BUILD)/windows && ctest --output-on-failure -L windows

@@ -29,7 +29,7 @@ status=0
   fail "gpuvet-lists lint of the installed examples gave $?"
 
 # The example machines, read whole (uncompressed) by the installed tool.
-for snapshot in "$root/usr/share/doc/gpuvet/examples/fleet/"*; do
+for snapshot in "$root/usr/share/doc/gpuvet/examples/fleet/"*.json; do
   status=0
   "$root/usr/bin/gpuvet-lists" verdict --snapshot "$snapshot" --notest >/dev/null || status=$?
   [ "$status" -eq 255 ] || fail "gpuvet-lists verdict --snapshot $snapshot --notest gave $status, not 255"

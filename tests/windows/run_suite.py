@@ -129,11 +129,11 @@ class Session:
         with open(self.path(name), "wb") as file:
             file.write(content if isinstance(content, bytes) else content.encode())
 
-    def run(self, args, rows=None, fail=None, icd=(), timeout=30):
+    def run(self, args, rows=None, fail=None, icd=(), timeout=30, exe=None):
         self.write("rows.txt", rows_text(rows or [], fail))
         self.write("icd.conf", icd_config(icd))
         started = time.monotonic()
-        done = subprocess.run(["wine", self.suite.exe] + args, env=self.env, stdout=subprocess.PIPE,
+        done = subprocess.run(["wine", exe or self.suite.exe] + args, env=self.env, stdout=subprocess.PIPE,
                               stderr=subprocess.PIPE, timeout=timeout)
         return done.returncode, done.stdout.decode("utf-8", "surrogateescape").replace("\r\n", "\n"), \
             time.monotonic() - started
@@ -273,6 +273,40 @@ def session_wmi_failures(suite, failures):
         machine.close()
 
 
+def without_handles(output):
+    """The platform handle is a pointer of the process that asked: a replay prints the recorded one."""
+    return re.sub(r"platform\[(\d+), [^\]]*\]", r"platform[\1, P]", output)
+
+
+def native(args):
+    done = subprocess.run(args, stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=30)
+    return done.returncode, done.stdout.decode("utf-8", "surrogateescape")
+
+
+def expect_same_run(failures, what, live, replayed):
+    if replayed[0] != live[0] or without_handles(replayed[1]) != without_handles(live[1]):
+        failures.append("%s: status %d, the live run %d\n--- replayed\n%s--- live\n%s" % (
+            what, replayed[0], live[0], replayed[1], live[1]))
+
+
+def expect_snapshot_gives_the_same_run(suite, failures, machine, args, live, row, icd):
+    """gpuvet-lists.exe's snapshot of the machine, replayed by gpuvet-lists.exe and by the native
+    gpuvet-lists with the same arguments, gives the live run's status and lines."""
+    snapshot = machine.drive_c("snapshot.json")
+    with contextlib.suppress(FileNotFoundError):
+        os.remove(snapshot)
+    status, output, _ = machine.run(["snapshot", "-o", "C:\\snapshot.json"], [row], icd=icd, exe=suite.lists_exe)
+    if status != 0 or not os.path.exists(snapshot):
+        failures.append("snapshot under Wine: status %d\n%s" % (status, output))
+        return
+    status, output, _ = machine.run(["verdict", "--snapshot", "C:\\snapshot.json"] + args, [row], icd=icd,
+                                    exe=suite.lists_exe)
+    expect_same_run(failures, "verdict --snapshot under Wine %r" % args, live, (status, output))
+    native_args = [machine.drive_c(arg[3:].replace("\\", "/")) if arg.startswith("C:\\") else arg for arg in args]
+    expect_same_run(failures, "native verdict over the snapshot taken under Wine %r" % args, live,
+                    native([suite.native_lists, "verdict", "--snapshot", snapshot] + native_args))
+
+
 def session_verdicts(suite, failures):
     machine = Session(suite, "verdicts", [NVIDIA])
     try:
@@ -292,6 +326,22 @@ def session_verdicts(suite, failures):
             status, output, _ = machine.run(["--gpu", "1"] + lists, [row], icd=icd)
             expect(failures, "verdict %d" % want_status, status, output, want_status, [
                 "check---dx[NVIDIA GeForce GTX 1080][7040], cl[NVIDIA GeForce GTX 1080]" if icd else "", last])
+            expect_snapshot_gives_the_same_run(suite, failures, machine, ["--gpu", "1"] + lists, (status, output),
+                                               row, icd)
+        # The other way round: machines recorded in the format the native tool reads and writes.
+        examples = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "examples")
+        shutil.copytree(examples, machine.drive_c("examples"), dirs_exist_ok=True)
+        for name in sorted(os.listdir(os.path.join(examples, "fleet"))):
+            if not name.endswith(".json"):
+                continue
+            args = ["--gpu", "1", "--blacklist", "blacklist.xml", "--whitelist", "whitelist.xml"]
+            folder = os.path.join(examples, "fleet", "..")
+            live = native([suite.native_lists, "verdict", "--snapshot", os.path.join(examples, "fleet", name)] +
+                          [os.path.join(folder, arg) if arg.endswith(".xml") else arg for arg in args])
+            status, output, _ = machine.run(["verdict", "--snapshot", "C:\\examples\\fleet\\" + name] +
+                                            ["C:\\examples\\" + arg if arg.endswith(".xml") else arg
+                                             for arg in args], exe=suite.lists_exe)
+            expect_same_run(failures, "verdict under Wine over examples/fleet/" + name, live, (status, output))
     finally:
         machine.close()
 
@@ -471,6 +521,7 @@ class Suite:
     def __init__(self, options):
         self.exe, self.wmi_dll, self.test_icd = options.exe, options.wmi_dll, options.test_icd
         self.hold_file, self.guard_probe = options.hold_file, options.guard_probe
+        self.lists_exe, self.native_lists = options.lists_exe, options.native_lists
         self.work = os.path.abspath(options.work)
         self.template = os.path.join(self.work, "template")
 
@@ -486,7 +537,8 @@ def make_template(suite):
 
 def main():
     parser = argparse.ArgumentParser()
-    for option in ("--exe", "--wmi-dll", "--test-icd", "--hold-file", "--guard-probe", "--work"):
+    for option in ("--exe", "--lists-exe", "--native-lists", "--wmi-dll", "--test-icd", "--hold-file",
+                   "--guard-probe", "--work"):
         parser.add_argument(option, required=True)
     suite = Suite(parser.parse_args())
     if shutil.which("wine") is None or shutil.which("wineserver") is None:
