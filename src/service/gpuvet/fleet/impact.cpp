@@ -59,23 +59,7 @@ std::string KeyText(const ClDeviceKey& key) {
          key.DeviceVersion + "\" \"" + key.DriverVersion + "\"";
 }
 
-Json KeyJson(const ClDeviceKey& key) {
-  return Json{{"VID", key.VID},
-              {"DeviceName", BytesJson(key.DeviceName)},
-              {"OpenCLCVersion", BytesJson(key.OpenCLCVersion)},
-              {"DeviceVersion", BytesJson(key.DeviceVersion)},
-              {"DriverVersion", BytesJson(key.DriverVersion)}};
-}
 
-ClDeviceKey KeyFromJson(const nlohmann::json& json) {
-  ClDeviceKey key;
-  key.VID = json.at("VID").get<uint32_t>();
-  key.DeviceName = BytesFromJson(json.at("DeviceName"));
-  key.OpenCLCVersion = BytesFromJson(json.at("OpenCLCVersion"));
-  key.DeviceVersion = BytesFromJson(json.at("DeviceVersion"));
-  key.DriverVersion = BytesFromJson(json.at("DriverVersion"));
-  return key;
-}
 
 bool SameKeys(const std::vector<ClDeviceKey>& a, const std::vector<ClDeviceKey>& b) {
   return std::equal(a.begin(), a.end(), b.begin(), b.end(), ClDeviceKeyEqual);

@@ -1,5 +1,7 @@
 #include "fleet/json_bytes.h"
 
+#include "verdict/list_file.h"
+
 #include <simdjson.h>
 
 #include <stdexcept>
@@ -52,6 +54,30 @@ std::string BytesFromJson(const nlohmann::json& value) {
     return BytesFromHex(value[kHexMember].get<std::string>());
   }
   throw std::runtime_error("a string is neither text nor {\"hex\": ...}");
+}
+
+nlohmann::ordered_json KeyJson(const ClDeviceKey& key) {
+  nlohmann::ordered_json object = nlohmann::ordered_json::object();
+  for (const KeyField& field : kKeyFields) {
+    if (field.text == nullptr) {
+      object[field.name] = key.VID;
+    } else {
+      object[field.name] = BytesJson(key.*field.text);
+    }
+  }
+  return object;
+}
+
+ClDeviceKey KeyFromJson(const nlohmann::json& json) {
+  ClDeviceKey key;
+  for (const KeyField& field : kKeyFields) {
+    if (field.text == nullptr) {
+      key.VID = json.at(field.name).get<uint32_t>();
+    } else {
+      key.*field.text = BytesFromJson(json.at(field.name));
+    }
+  }
+  return key;
 }
 
 }  // namespace gpuvet::fleet

@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "fleet/json_bytes.h"
+#include "verdict/list_file.h"
 #include "fleet/quiet_print.h"
 
 namespace gpuvet::fleet {
@@ -61,13 +62,6 @@ void PutText(Json& object, const char* name, const std::optional<std::string>& v
   }
 }
 
-Json KeyJson(const ClDeviceKey& key) {
-  return Json{{"VID", key.VID},
-              {"DeviceName", BytesJson(key.DeviceName)},
-              {"OpenCLCVersion", BytesJson(key.OpenCLCVersion)},
-              {"DeviceVersion", BytesJson(key.DeviceVersion)},
-              {"DriverVersion", BytesJson(key.DriverVersion)}};
-}
 
 Json DeviceJson(const CensusDevice& device) {
   Json json = Json::object();
@@ -122,15 +116,20 @@ Json RowJson(const platform::DriverRow& row) {
 
 // --- reading ---
 
+// The field names are the list file's, from its one table.
 ClDeviceKey ReadKey(Value value) {
   ClDeviceKey key;
-  for (const auto& field : value.get_object()) {
-    const std::string_view name = field.key;
-    if (name == "VID") key.VID = ReadUint32(field.value, "a VID");
-    else if (name == "DeviceName") key.DeviceName = ReadBytes(field.value);
-    else if (name == "OpenCLCVersion") key.OpenCLCVersion = ReadBytes(field.value);
-    else if (name == "DeviceVersion") key.DeviceVersion = ReadBytes(field.value);
-    else if (name == "DriverVersion") key.DriverVersion = ReadBytes(field.value);
+  for (const auto& member : value.get_object()) {
+    for (const KeyField& field : kKeyFields) {
+      if (member.key != field.name) {
+        continue;
+      }
+      if (field.text == nullptr) {
+        key.VID = ReadUint32(member.value, "a VID");
+      } else {
+        key.*field.text = ReadBytes(member.value);
+      }
+    }
   }
   return key;
 }

@@ -6,15 +6,6 @@ std::string JoinPath(const std::string& directory, const std::string& fileName) 
   return directory + "\\" + fileName;
 }
 
-void SplitPath(const std::string& path, std::string& directory, std::string& fileName) {
-  const std::size_t separator = path.find_last_of("\\/");
-  if (separator == std::string::npos) {
-    directory = ".";
-    fileName = path;
-    return;
-  }
-  directory = separator == 0 ? path.substr(0, 1) : path.substr(0, separator);
-  fileName = path.substr(separator + 1);
-}
+const char* PathSeparators() { return "\\/"; }
 
 }  // namespace gpuvet::platform
