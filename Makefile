@@ -98,7 +98,7 @@ FUZZ_SECONDS ?= 60
 fuzz-build: deps-test
 	cmake -S . -B $(BUILD)/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_COMPILER=clang \
 		-DCMAKE_CXX_COMPILER=clang++ -DGPUVET_FUZZ=ON -DGPUVET_TESTS=OFF -DGPUVET_MANUALS=OFF
-	cmake --build $(BUILD)/fuzz -j$(JOBS)
+	cmake --build $(BUILD)/fuzz -j$(JOBS) --target fuzzers
 
 fuzz: fuzz-build
 	bash scripts/run-fuzzers.sh $(BUILD)/fuzz $(FUZZ_SECONDS)
