@@ -72,12 +72,13 @@ int Lint(Arguments args) {
   while (!args.Done()) {
     const std::string arg = args.Next();
     std::string value;
-    if ((arg == "--fleet" || arg == "--gpu") && !args.Value(value)) {
-      return Usage(arg + " needs a value");
-    } else if (arg == "--fleet") {
-      fleet.push_back(value);
-    } else if (arg == "--gpu") {
-      gpuIndex = platform::TextToInt(value.c_str());
+    if (arg == "--fleet" || arg == "--gpu") {
+      if (!args.Value(value)) return Usage(arg + " needs a value");
+      if (arg == "--fleet") {
+        fleet.push_back(value);
+      } else {
+        gpuIndex = platform::TextToInt(value.c_str());
+      }
     } else if (arg == "--black" || arg == "--white") {
       kind = arg == "--black" ? ListKind::kBlack : ListKind::kWhite;
     } else if (arg == "--format") {
