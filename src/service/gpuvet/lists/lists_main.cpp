@@ -71,8 +71,8 @@ int Lint(Arguments args) {
   int32_t gpuIndex = -1;
   while (!args.Done()) {
     const std::string arg = args.Next();
-    std::string value;
     if (arg == "--fleet" || arg == "--gpu") {
+      std::string value;
       if (!args.Value(value)) return Usage(arg + " needs a value");
       if (arg == "--fleet") {
         fleet.push_back(value);
