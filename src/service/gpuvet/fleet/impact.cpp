@@ -225,6 +225,31 @@ std::string ImpactText(const ImpactSummary& summary) {
   return text;
 }
 
+namespace {
+
+// The parts the report and the partial summary write alike.
+Json VendorOnlyJson(const ImpactSummary& summary) {
+  Json vendorOnly = Json::array();
+  for (const auto& [match, counted] : summary.vendorOnly) {
+    vendorOnly.push_back({{"venID", match.venID},
+                          {"adapter", BytesJson(match.adapterName)},
+                          {"device", KeyJson(match.device)},
+                          {"machines", counted.first},
+                          {"first", BytesJson(counted.second)}});
+  }
+  return vendorOnly;
+}
+
+Json UnreadableJson(const ImpactSummary& summary) {
+  Json unreadable = Json::array();
+  for (const auto& [place, reason] : summary.unreadable) {
+    unreadable.push_back({{"place", BytesJson(place)}, {"reason", BytesJson(reason)}});
+  }
+  return unreadable;
+}
+
+}  // namespace
+
 std::string ImpactJson(const ImpactSummary& summary) {
   Json changes = Json::array();
   for (const auto& [codes, devices] : summary.changes) {
@@ -241,23 +266,11 @@ std::string ImpactJson(const ImpactSummary& summary) {
                 [&](const ClDeviceKey& key) { undeciding.push_back({{"list", "black"}, {"item", KeyJson(key)}}); });
   ForUndeciding(summary.newWhiteItems, summary.whiteItemDecides,
                 [&](const ClDeviceKey& key) { undeciding.push_back({{"list", "white"}, {"item", KeyJson(key)}}); });
-  Json vendorOnly = Json::array();
-  for (const auto& [match, counted] : summary.vendorOnly) {
-    vendorOnly.push_back({{"venID", match.venID},
-                          {"adapter", BytesJson(match.adapterName)},
-                          {"device", KeyJson(match.device)},
-                          {"machines", counted.first},
-                          {"first", BytesJson(counted.second)}});
-  }
-  Json unreadable = Json::array();
-  for (const auto& [place, reason] : summary.unreadable) {
-    unreadable.push_back({{"place", BytesJson(place)}, {"reason", BytesJson(reason)}});
-  }
   return Json{{"machines", summary.machines},
               {"changes", changes},
               {"undecidingItems", undeciding},
-              {"vendorOnly", vendorOnly},
-              {"unreadable", unreadable}}
+              {"vendorOnly", VendorOnlyJson(summary)},
+              {"unreadable", UnreadableJson(summary)}}
              .dump(2);
 }
 
@@ -322,18 +335,6 @@ std::string PartialJson(const ImpactSummary& summary) {
                          {"machines", count}});
     }
   }
-  Json vendorOnly = Json::array();
-  for (const auto& [match, counted] : summary.vendorOnly) {
-    vendorOnly.push_back({{"venID", match.venID},
-                          {"adapter", BytesJson(match.adapterName)},
-                          {"device", KeyJson(match.device)},
-                          {"machines", counted.first},
-                          {"first", BytesJson(counted.second)}});
-  }
-  Json unreadable = Json::array();
-  for (const auto& [place, reason] : summary.unreadable) {
-    unreadable.push_back({{"place", BytesJson(place)}, {"reason", BytesJson(reason)}});
-  }
   const ImpactLists& lists = summary.lists;
   return Json{{"format", kPartialFormat},
               {"formatVersion", kPartialFormatVersion},
@@ -347,8 +348,8 @@ std::string PartialJson(const ImpactSummary& summary) {
               {"newBlackItems", black},
               {"newWhiteItems", white},
               {"changes", changes},
-              {"vendorOnly", vendorOnly},
-              {"unreadable", unreadable}}
+              {"vendorOnly", VendorOnlyJson(summary)},
+              {"unreadable", UnreadableJson(summary)}}
              .dump() + "\n";
 }
 

@@ -2,6 +2,8 @@
 // new member goes to the end, and integers keep their signed or unsigned kind.
 #include "platform/zavkit_json.h"
 
+#include "platform/utf8.h"
+
 #include <utility>
 
 namespace zavkit {
@@ -58,24 +60,6 @@ std::size_t Utf8CharAt(const std::string& bytes, std::size_t at, char32_t& point
   return point < minimum || point > kMaxCodePoint || surrogate ? 0 : length;
 }
 
-void AppendUtf8(std::string& text, char32_t point) {
-  if (point < 0x80) {
-    text += static_cast<char>(point);
-  } else if (point < 0x800) {
-    text += static_cast<char>(0xC0 | (point >> 6));
-    text += static_cast<char>(0x80 | (point & 0x3F));
-  } else if (point < 0x10000) {
-    text += static_cast<char>(0xE0 | (point >> 12));
-    text += static_cast<char>(0x80 | ((point >> 6) & 0x3F));
-    text += static_cast<char>(0x80 | (point & 0x3F));
-  } else {
-    text += static_cast<char>(0xF0 | (point >> 18));
-    text += static_cast<char>(0x80 | ((point >> 12) & 0x3F));
-    text += static_cast<char>(0x80 | ((point >> 6) & 0x3F));
-    text += static_cast<char>(0x80 | (point & 0x3F));
-  }
-}
-
 std::string BytesToText(const std::string& bytes) {
   std::string text;
   text.reserve(bytes.size());
@@ -86,7 +70,7 @@ std::string BytesToText(const std::string& bytes) {
       text.append(bytes, at, length);
       at += length;
     } else {
-      AppendUtf8(text, kByteEscapeBase + static_cast<unsigned char>(bytes[at]));
+      gpuvet::platform::AppendUtf8(text, kByteEscapeBase + static_cast<unsigned char>(bytes[at]));
       ++at;
     }
   }

@@ -1,5 +1,7 @@
 #include "platform/windows/wide_text.h"
 
+#include "platform/utf8.h"
+
 #include <windows.h>
 
 namespace gpuvet::platform::windows {
@@ -15,24 +17,6 @@ bool IsHigh(wchar_t unit) {
 }
 bool IsLow(wchar_t unit) {
   return unit >= kLowSurrogateFirst && unit < kSurrogateEnd;
-}
-
-void AppendCodePoint(char32_t point, std::string& text) {
-  if (point < 0x80) {
-    text += static_cast<char>(point);
-  } else if (point < 0x800) {
-    text += static_cast<char>(0xC0 | (point >> 6));
-    text += static_cast<char>(0x80 | (point & 0x3F));
-  } else if (point < kSupplementaryFirst) {
-    text += static_cast<char>(0xE0 | (point >> 12));
-    text += static_cast<char>(0x80 | ((point >> 6) & 0x3F));
-    text += static_cast<char>(0x80 | (point & 0x3F));
-  } else {
-    text += static_cast<char>(0xF0 | (point >> 18));
-    text += static_cast<char>(0x80 | ((point >> 12) & 0x3F));
-    text += static_cast<char>(0x80 | ((point >> 6) & 0x3F));
-    text += static_cast<char>(0x80 | (point & 0x3F));
-  }
 }
 
 void AppendUnits(char32_t point, std::wstring& text) {
@@ -66,7 +50,7 @@ std::string ToArgument(const wchar_t* text) {
       point = kSupplementaryFirst + ((point - kHighSurrogateFirst) << 10) + (text[1] - kLowSurrogateFirst);
       ++text;
     }
-    AppendCodePoint(point, result);
+    AppendUtf8(result, point);
   }
   return result;
 }
