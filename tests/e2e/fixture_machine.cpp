@@ -25,6 +25,7 @@ namespace fs = std::filesystem;
 
 constexpr const char* kUnshare = "/usr/bin/unshare";
 constexpr const char* kPciDevicesPath = "/sys/bus/pci/devices";
+constexpr const char* kToolsFolderVariable = "GPUVET_E2E_TOOLS";
 constexpr const char* kSearchPath = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin";
 
 std::string ShellQuote(const std::string& text) {
@@ -122,6 +123,13 @@ const NamespaceProbe& Probe() {
   return probe;
 }
 
+// The tools of this build, or those of the folder that GPUVET_E2E_TOOLS names:
+// one build of the suite runs over the sanitizer builds and the installed package.
+std::string ToolPath(const char* built, const char* name) {
+  const char* folder = std::getenv(kToolsFolderVariable);
+  return folder != nullptr && *folder != '\0' ? std::string(folder) + "/" + name : std::string(built);
+}
+
 }  // namespace
 
 const std::string& NamespaceUnavailableReason() {
@@ -129,11 +137,13 @@ const std::string& NamespaceUnavailableReason() {
 }
 
 const char* GpuvetBinary() {
-  return GPUVET_BINARY;
+  static const std::string path = ToolPath(GPUVET_BINARY, "gpuvet");
+  return path.c_str();
 }
 
 const char* GpuvetListsBinary() {
-  return GPUVET_LISTS_BINARY;
+  static const std::string path = ToolPath(GPUVET_LISTS_BINARY, "gpuvet-lists");
+  return path.c_str();
 }
 
 const char* TestIcdLibrary() {

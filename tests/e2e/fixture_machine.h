@@ -78,6 +78,7 @@ class FixtureMachine {
 const std::string& NamespaceUnavailableReason();
 
 // The path of the gpuvet binary under test, of gpuvet-lists, and of the project's test ICD.
+// The two tools are this build's, or those in the folder named by GPUVET_E2E_TOOLS.
 const char* GpuvetBinary();
 const char* GpuvetListsBinary();
 const char* TestIcdLibrary();

@@ -16,6 +16,7 @@
 #include "fleet/impact.h"
 #include "fleet/quiet_print.h"
 #include "fleet/snapshot.h"
+#include "fixture_machine.h"
 
 namespace gpuvet::fleet {
 namespace {
@@ -259,7 +260,7 @@ TEST_F(FleetFiles, ImpactJudgesEachMachineAsVerdictOverItsSnapshot) {
     expected.emplace_back(impact.Verdict(machine, lists.oldBlack, lists.oldWhite) & 0xff,
                           impact.Verdict(machine, lists.newBlack, lists.newWhite) & 0xff);
     for (const char* which : {"old", "new"}) {
-      script += std::string("(") + GPUVET_LISTS_BINARY + " verdict --snapshot " + file + gpu + " --blacklist " +
+      script += std::string("(") + e2e::GpuvetListsBinary() + " verdict --snapshot " + file + gpu + " --blacklist " +
                 dir_ + "/" + which + "-black.xml --whitelist " + dir_ + "/" + which + "-white.xml >/dev/null 2>&1; echo $? > " +
                 file + "." + which + ") &\n";
     }

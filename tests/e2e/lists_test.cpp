@@ -45,7 +45,7 @@ class ListsTest : public ::testing::Test {
     UseTestIcd(machine_, config);
   }
   RunResult Lists(std::vector<std::string> args) const {
-    args.insert(args.begin(), GPUVET_LISTS_BINARY);
+    args.insert(args.begin(), GpuvetListsBinary());
     return machine_.Run(args);
   }
   FixtureMachine machine_;
@@ -159,42 +159,58 @@ INSTANTIATE_TEST_SUITE_P(
 // explain reads gpuvet's command line with gpuvet's own pass: each form means
 // what it means to gpuvet and ends with gpuvet's status. "W" stands for a white
 // list that refuses the machine's device.
-TEST_F(ListsTest, ExplainReadsEveryCommandLineAsGpuvetDoes) {
+struct CommandLineForm {
+  const char* name;
+  std::vector<std::string> args;
+  int status;
+  std::string says;
+};
+
+class ExplainCommandLineTest : public ListsTest, public ::testing::WithParamInterface<CommandLineForm> {};
+
+TEST_P(ExplainCommandLineTest, MeansWhatItMeansToGpuvet) {
   DriverDated("2018-01-01");
   Devices({NvidiaDevice()});
   const std::string white = machine_.WriteFile("white.xml", ListFileText("WhiteList", {AmdDevice()}));
-  const struct {
-    std::vector<std::string> args;
-    int status;
-    std::string says;
-  } forms[] = {
-      {{"--GPU", "0", "--WhiteList", "W"}, kStatusNotInWhiteList, "command line: adapter 0"},
-      {{"--gpu", "0"}, kStatusOk, "white list: no --whitelist"},
-      {{"--blacklist", "--whitelist", "W", "--gpu", "0"}, kStatusNotInWhiteList, "black list \"--whitelist\""},
-      {{"--whitelist", "--blacklist", "W", "--gpu", "0"}, kStatusNotInWhiteList, "white list \"--blacklist\""},
-      {{"--help", "--gpu", "0", "--whitelist", "W"}, kStatusNotInWhiteList, "--help: gpuvet prints its usage"},
-      {{"--details", "--gpu", "0"}, kStatusOk, "--details: gpuvet prints the OpenCL census"},
-      {{"--gpu", "0", "--result"}, kStatusInvalidParameter, "_invalid_parameter"},
-      {{"--help", "--whitelist"}, kStatusInvalidParameter, "_invalid_parameter"},
-      {{"--gpu", "0", "--blacklist", std::string(2048, 'b')}, kStatusInvalidParameter, "longer than 2047 bytes"},
-      {{"--notest", "--gpu", "0"}, kStatusNoTest, "--notest: nothing is tested"},
-      {{"--whitelist", "W", "--recheck", "--gpu", "0"}, kStatusNotInWhiteList, "command line: no adapter named"},
-      {{"--gpu=0", "--whitelist", "W"}, kStatusNotInWhiteList, "no adapter named"},
-      {{"--gpu", "abc"}, kStatusOk, "adapter: adapter 0 \"GP104"},
-      {{"--gpu", "9"}, kStatusNoPlatform, "adapter: none selected"},
-  };
-  for (const auto& form : forms) {
-    std::vector<std::string> args = form.args;
-    std::replace(args.begin(), args.end(), std::string("W"), white);
-    std::vector<std::string> explain = args;
-    explain.insert(explain.begin(), "explain");
-    const RunResult explained = Lists(explain);
-    const std::string shown = ::testing::PrintToString(form.args).substr(0, 100);
-    EXPECT_EQ(machine_.RunGpuvet(args).status, form.status) << shown;
-    EXPECT_EQ(explained.status, form.status) << shown << "\n" << explained.out << explained.err;
-    EXPECT_THAT(explained.out, HasSubstr(form.says)) << shown;
-  }
+  const CommandLineForm& form = GetParam();
+  std::vector<std::string> args = form.args;
+  std::replace(args.begin(), args.end(), std::string("W"), white);
+  std::vector<std::string> explain = args;
+  explain.insert(explain.begin(), "explain");
+  const RunResult explained = Lists(explain);
+  EXPECT_EQ(machine_.RunGpuvet(args).status, form.status);
+  EXPECT_EQ(explained.status, form.status) << explained.out << explained.err;
+  EXPECT_THAT(explained.out, HasSubstr(form.says));
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Forms, ExplainCommandLineTest,
+    ::testing::Values(
+        CommandLineForm{"OptionsInAnyCase", {"--GPU", "0", "--WhiteList", "W"}, kStatusNotInWhiteList,
+                        "command line: adapter 0"},
+        CommandLineForm{"NoWhiteList", {"--gpu", "0"}, kStatusOk, "white list: no --whitelist"},
+        CommandLineForm{"OptionAsTheBlackList", {"--blacklist", "--whitelist", "W", "--gpu", "0"},
+                        kStatusNotInWhiteList, "black list \"--whitelist\""},
+        CommandLineForm{"OptionAsTheWhiteList", {"--whitelist", "--blacklist", "W", "--gpu", "0"},
+                        kStatusNotInWhiteList, "white list \"--blacklist\""},
+        CommandLineForm{"HelpFirst", {"--help", "--gpu", "0", "--whitelist", "W"}, kStatusNotInWhiteList,
+                        "--help: gpuvet prints its usage"},
+        CommandLineForm{"Details", {"--details", "--gpu", "0"}, kStatusOk,
+                        "--details: gpuvet prints the OpenCL census"},
+        CommandLineForm{"ValueOptionLast", {"--gpu", "0", "--result"}, kStatusInvalidParameter,
+                        "_invalid_parameter"},
+        CommandLineForm{"HelpThenValueOptionLast", {"--help", "--whitelist"}, kStatusInvalidParameter,
+                        "_invalid_parameter"},
+        CommandLineForm{"PathTooLong", {"--gpu", "0", "--blacklist", std::string(2048, 'b')},
+                        kStatusInvalidParameter, "longer than 2047 bytes"},
+        CommandLineForm{"NoTest", {"--notest", "--gpu", "0"}, kStatusNoTest, "--notest: nothing is tested"},
+        CommandLineForm{"RecheckTakesTheNextElement", {"--whitelist", "W", "--recheck", "--gpu", "0"},
+                        kStatusNotInWhiteList, "command line: no adapter named"},
+        CommandLineForm{"ValueAfterAnEqualsSign", {"--gpu=0", "--whitelist", "W"}, kStatusNotInWhiteList,
+                        "no adapter named"},
+        CommandLineForm{"IndexNotANumber", {"--gpu", "abc"}, kStatusOk, "adapter: adapter 0 \"GP104"},
+        CommandLineForm{"IndexBeyondTheAdapters", {"--gpu", "9"}, kStatusNoPlatform, "adapter: none selected"}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 // Two identical cards: explain names the adapter the run selected, not the first equal one.
 TEST_F(ListsTest, ExplainNamesTheSelectedOfTwoIdenticalAdapters) {

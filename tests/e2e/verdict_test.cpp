@@ -270,90 +270,101 @@ IcdDevice NvidiaWithFault(const IcdFault& fault) {
   return device;
 }
 
-// Runs on a machine with the NVIDIA adapter and these devices and lists.
-TEST_F(RunTest, VerdictEndsWithItsCode) {
-  const std::string nvidiaName = TrimBlanks(NvidiaDevice().name);
-  const std::string ok = "gpuvet end(ok)\n";
-  const std::string old = "driver is before 2018!\n";
-  const std::string notListed = "check before in white list end\n\nnot in whitelist!\n";
-  const std::string noDevice = "\n no platform!\n";
-  const std::string timeout = "Timeout exit:  GPUVET_NOT_IN_WHITELIST\n";
-  const struct {
-    const char* what;
-    bool withGpuIndex;
-    bool driverOf2018;  // else no driver is bound: its row has an empty date, which is old
-    std::vector<std::vector<IcdDevice>> platforms;
-    std::vector<IcdDevice> black, white;  // the devices listed; none: no path for that list
-    int status;
-    std::string tail;
-  } cases[] = {
-      {"adapter without a driver is old", true, false, {{NvidiaDevice()}}, {}, {}, kStatusOldDriver,
-       Checked(nvidiaName) + old},
-      {"no platform ends after the count", true, false, {}, {}, {}, kStatusNoPlatform,
-       "\n\n\ngpuvet begin\nnum_platforms: 0\nno platform!\n"},
-      {"no fitting device ends before the lists", true, false, {{AmdDevice()}}, {AmdDevice()}, {AmdDevice()},
-       kStatusNoPlatform, Checked("") + noDevice},
-      // The vendor id is asked twice: once for its line, once for the key.
-      {"a device with an unreadable key gets no row", true, false,
-       {{AmdDevice(), NvidiaWithFault({CL_DEVICE_VENDOR_ID, CL_OUT_OF_RESOURCES, 1})}}, {}, {}, kStatusNoPlatform,
-       "\t\tvender_id: 10de\n\t\topencl_c_version: OpenCL C 1.2 \n"
-       "\t\tdevice_extensions: cl_khr_fp64 cl_khr_icd\nexception: 0\n\n\n" + Checked("") + noDevice},
-      // Without a gpu index the check line names the adapter twice, and two
-      // equal cards in two platforms are one row of the table.
-      {"without an index the whole table is tested", false, true, {{NvidiaDevice(), NvidiaDevice()}, {NvidiaDevice()}},
-       {AmdDevice()}, {}, kStatusOk,
-       Checked("%A") + "check before in black list start\ncheck_list: 1, black_list: 1. intersection: 0\n"
-                       "check before in black list end\n\n" + ok},
-      // The black list ends the test before the white list would miss on an old driver.
-      {"black list hit", true, false, {{NvidiaDevice()}}, {NvidiaDevice()}, {AmdDevice()}, kStatusInBlackList,
-       "check before in black list end\n\nin blacklist!\n"},
-      {"white list miss", true, true, {{NvidiaDevice()}}, {}, {AmdDevice()}, kStatusNotInWhiteList, notListed},
-      {"white list miss with an old driver", true, false, {{NvidiaDevice()}}, {}, {AmdDevice()},
-       kStatusNotInWhiteListOldDriver, notListed + "& " + old},
-      // The watchdog ends a run held up in the census, wherever it stands; the
-      // device answers far beyond the harness's own limit.
-      {"a run held up times out", true, true, {{NvidiaWithFault({CL_DEVICE_NAME, CL_SUCCESS, 0, 300})}}, {}, {},
-       kStatusNotInWhiteList, timeout},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    FixtureMachine machine;
-    machine.AddPciDevice(kNvidiaAdapter);
-    if (c.driverOf2018) {
-      machine.BindModuleDriver(kNvidiaAdapter.address, "nvidia", "535.183.01");
-      machine.SetKernelBuildDate("2018-01-01");
-    }
-    IcdConfig config;
-    for (const std::vector<IcdDevice>& devices : c.platforms) {
-      config.platforms.emplace_back().devices = devices;
-    }
-    UseTestIcd(machine, config);
-    std::vector<std::string> args;
-    if (c.withGpuIndex) {
-      args = {"--gpu", "0"};
-    }
-    if (!c.black.empty()) {
-      args.insert(args.end(), {"--blacklist", machine.WriteFile("black.xml", ListFileText("BlackList", c.black))});
-    }
-    if (!c.white.empty()) {
-      args.insert(args.end(), {"--whitelist", machine.WriteFile("white.xml", ListFileText("WhiteList", c.white))});
-    }
+// A machine with the NVIDIA adapter, these devices and lists, and the end of
+// the run they give.
+struct VerdictCase {
+  const char* name;
+  bool withGpuIndex;
+  bool driverOf2018;  // else no driver is bound: its row has an empty date, which is old
+  std::vector<std::vector<IcdDevice>> platforms;
+  std::vector<IcdDevice> black, white;  // the devices listed; none: no path for that list
+  int status;
+  std::string tail;
+};
 
-    const RunResult run = machine.RunGpuvet(args);
+const std::string kOkTail = "gpuvet end(ok)\n";
+const std::string kOldTail = "driver is before 2018!\n";
+const std::string kNotListedTail = "check before in white list end\n\nnot in whitelist!\n";
+const std::string kNoDeviceTail = "\n no platform!\n";
+const std::string kTimeoutTail = "Timeout exit:  GPUVET_NOT_IN_WHITELIST\n";
 
-    const std::size_t nameAt = run.out.find("\n   ", run.out.find("Adapter: ")) + 4;
-    const std::string adapterName = run.out.substr(nameAt, run.out.find(", device_id", nameAt) - nameAt);
-    EXPECT_EQ(run.status, c.status) << run.out;
-    EXPECT_THAT(run.out, EndsWith(std::regex_replace(c.tail, std::regex("%A"), adapterName)));
-    EXPECT_THAT(run.out, HasSubstr("\ngpuvet begin\nnum_platforms: " + std::to_string(c.platforms.size()) + "\n"));
-    EXPECT_EQ(run.err, "");
-    EXPECT_FALSE(run.timedOut);
-    if (c.tail != timeout) {
-      EXPECT_THAT(run.out, Not(HasSubstr("Timeout exit:")));
-      EXPECT_TRUE(DeviceReferencesBalanced(ReadIcdCallLog(machine)));
-    }
+class VerdictTest : public ::testing::TestWithParam<VerdictCase> {
+ protected:
+  void SetUp() override { GPUVET_REQUIRE_NAMESPACE(); }
+};
+
+TEST_P(VerdictTest, EndsWithItsCode) {
+  const VerdictCase& c = GetParam();
+  FixtureMachine machine;
+  machine.AddPciDevice(kNvidiaAdapter);
+  if (c.driverOf2018) {
+    machine.BindModuleDriver(kNvidiaAdapter.address, "nvidia", "535.183.01");
+    machine.SetKernelBuildDate("2018-01-01");
+  }
+  IcdConfig config;
+  for (const std::vector<IcdDevice>& devices : c.platforms) {
+    config.platforms.emplace_back().devices = devices;
+  }
+  UseTestIcd(machine, config);
+  std::vector<std::string> args;
+  if (c.withGpuIndex) {
+    args = {"--gpu", "0"};
+  }
+  if (!c.black.empty()) {
+    args.insert(args.end(), {"--blacklist", machine.WriteFile("black.xml", ListFileText("BlackList", c.black))});
+  }
+  if (!c.white.empty()) {
+    args.insert(args.end(), {"--whitelist", machine.WriteFile("white.xml", ListFileText("WhiteList", c.white))});
+  }
+
+  const RunResult run = machine.RunGpuvet(args);
+
+  const std::size_t nameAt = run.out.find("\n   ", run.out.find("Adapter: ")) + 4;
+  const std::string adapterName = run.out.substr(nameAt, run.out.find(", device_id", nameAt) - nameAt);
+  EXPECT_EQ(run.status, c.status) << run.out;
+  EXPECT_THAT(run.out, EndsWith(std::regex_replace(c.tail, std::regex("%A"), adapterName)));
+  EXPECT_THAT(run.out, HasSubstr("\ngpuvet begin\nnum_platforms: " + std::to_string(c.platforms.size()) + "\n"));
+  EXPECT_EQ(run.err, "");
+  EXPECT_FALSE(run.timedOut);
+  if (c.tail != kTimeoutTail) {
+    EXPECT_THAT(run.out, Not(HasSubstr("Timeout exit:")));
+    EXPECT_TRUE(DeviceReferencesBalanced(ReadIcdCallLog(machine)));
   }
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Verdicts, VerdictTest,
+    ::testing::Values(
+        VerdictCase{"AdapterWithoutADriverIsOld", true, false, {{NvidiaDevice()}}, {}, {}, kStatusOldDriver,
+                    Checked(TrimBlanks(NvidiaDevice().name)) + kOldTail},
+        VerdictCase{"NoPlatformEndsAfterTheCount", true, false, {}, {}, {}, kStatusNoPlatform,
+                    "\n\n\ngpuvet begin\nnum_platforms: 0\nno platform!\n"},
+        VerdictCase{"NoFittingDeviceEndsBeforeTheLists", true, false, {{AmdDevice()}}, {AmdDevice()}, {AmdDevice()},
+                    kStatusNoPlatform, Checked("") + kNoDeviceTail},
+        // The vendor id is asked twice: once for its line, once for the key.
+        VerdictCase{"DeviceWithAnUnreadableKeyGetsNoRow", true, false,
+                    {{AmdDevice(), NvidiaWithFault({CL_DEVICE_VENDOR_ID, CL_OUT_OF_RESOURCES, 1})}}, {}, {},
+                    kStatusNoPlatform,
+                    "\t\tvender_id: 10de\n\t\topencl_c_version: OpenCL C 1.2 \n"
+                    "\t\tdevice_extensions: cl_khr_fp64 cl_khr_icd\nexception: 0\n\n\n" + Checked("") + kNoDeviceTail},
+        // Without a gpu index the check line names the adapter twice, and two
+        // equal cards in two platforms are one row of the table.
+        VerdictCase{"WithoutAnIndexTheWholeTableIsTested", false, true,
+                    {{NvidiaDevice(), NvidiaDevice()}, {NvidiaDevice()}}, {AmdDevice()}, {}, kStatusOk,
+                    Checked("%A") + "check before in black list start\ncheck_list: 1, black_list: 1. intersection: 0\n"
+                                    "check before in black list end\n\n" + kOkTail},
+        // The black list ends the test before the white list would miss on an old driver.
+        VerdictCase{"BlackListHit", true, false, {{NvidiaDevice()}}, {NvidiaDevice()}, {AmdDevice()},
+                    kStatusInBlackList, "check before in black list end\n\nin blacklist!\n"},
+        VerdictCase{"WhiteListMiss", true, true, {{NvidiaDevice()}}, {}, {AmdDevice()}, kStatusNotInWhiteList,
+                    kNotListedTail},
+        VerdictCase{"WhiteListMissWithAnOldDriver", true, false, {{NvidiaDevice()}}, {}, {AmdDevice()},
+                    kStatusNotInWhiteListOldDriver, kNotListedTail + "& " + kOldTail},
+        // The watchdog ends a run held up in the census, wherever it stands; the
+        // device answers far beyond the harness's own limit.
+        VerdictCase{"RunHeldUpTimesOut", true, true, {{NvidiaWithFault({CL_DEVICE_NAME, CL_SUCCESS, 0, 300})}}, {},
+                    {}, kStatusNotInWhiteList, kTimeoutTail}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace gpuvet::e2e
