@@ -3,6 +3,9 @@
 # `make bench`, `make lint`) the test packages too. Plain `make` only builds.
 BUILD ?= build
 JOBS ?= $(shell nproc)
+# Tests run this many at a time: most of an end-to-end test is the watchdog's
+# one-second tick and Wine's start-up, not work for the processor.
+TEST_JOBS ?= $(shell echo $$(( $(JOBS) * 4 )))
 # Extra gpuvet arguments for `make run`, e.g. GPUVET_ARGS="--gpu 0 --details".
 GPUVET_ARGS ?=
 # Where `make install` puts the tools; DESTDIR, when set, is put in front of it.
@@ -10,7 +13,7 @@ PREFIX ?= /usr/local
 # The project's version, kept in CMakeLists.txt alone.
 VERSION := $(shell grep -om1 'gpuvet VERSION [0-9.]*' CMakeLists.txt | cut -d' ' -f3)
 
-.PHONY: all build deps-run deps-test deps-package run install test test-debug test-asan test-tsan \
+.PHONY: all build deps-run deps-test deps-package run install test asan test-debug test-asan test-tsan \
 	test-package test-fuzz fuzz fuzz-build bench lint clean deb windows windows-zip test-windows
 
 all: build
@@ -37,36 +40,47 @@ run: deps-run build
 install: build
 	DESTDIR=$(DESTDIR) cmake --install $(BUILD)/release --prefix $(PREFIX)
 
+# The whole suite, built once, in a Debug build with warnings as errors under
+# AddressSanitizer and UndefinedBehaviorSanitizer. Its end-to-end suite then runs
+# again over the tools built with ThreadSanitizer, and over the tools of the
+# Debian package as it installs them; the Windows suite runs on the unpacked
+# archive; every fuzz target runs a few seconds.
+test: deps-test test-asan test-tsan test-package test-windows test-fuzz
+
+# The end-to-end suite of the sanitizer build over the tools in folder $(1).
+e2e_suite_over = cd $(BUILD)/asan && GPUVET_E2E_TOOLS=$(1) ctest --output-on-failure -j$(TEST_JOBS) -L e2e
+
+asan:
+	cmake -S . -B $(BUILD)/asan -DCMAKE_BUILD_TYPE=Debug -DGPUVET_WERROR=ON -DGPUVET_SANITIZE=address,undefined
+	cmake --build $(BUILD)/asan -j$(JOBS)
+
+test-asan: asan
+	cd $(BUILD)/asan && ctest --output-on-failure -j$(TEST_JOBS)
+
+# The tools and the watchdog's own tests built with ThreadSanitizer.
+test-tsan: asan
+	cmake -S . -B $(BUILD)/tsan -DCMAKE_BUILD_TYPE=Debug -DGPUVET_WERROR=ON -DGPUVET_SANITIZE=thread \
+		-DGPUVET_MANUALS=OFF
+	cmake --build $(BUILD)/tsan -j$(JOBS) --target threaded
+	cd $(BUILD)/tsan && ctest --output-on-failure -j$(TEST_JOBS) -L watchdog
+	$(call e2e_suite_over,$(abspath $(BUILD))/tsan/bin)
+
+# A plain Debug build and its whole suite: the quick round while working.
+test-debug:
+	cmake -S . -B $(BUILD)/test -DCMAKE_BUILD_TYPE=Debug -DGPUVET_WERROR=ON
+	cmake --build $(BUILD)/test -j$(JOBS)
+	cd $(BUILD)/test && ctest --output-on-failure -j$(TEST_JOBS)
+
 # The Debian package, built the Debian way from a copy of the sources in
 # $(BUILD)/deb, and checked with lintian: $(BUILD)/deb/gpuvet_$(VERSION)_*.deb.
 deb: deps-package
 	bash scripts/build-deb.sh $(BUILD)/deb $(VERSION) $(JOBS)
 
-# The package installed into a scratch root, and both tools run from there.
-test-package: deb
+# The package installed into a scratch root, both tools run from there, and
+# the end-to-end suite over them: the tools as the package ships them.
+test-package: deb asan
 	bash scripts/check-package.sh $(BUILD)/deb $(VERSION)
-
-# The whole suite in a Debug build with warnings as errors, then again under
-# AddressSanitizer and UndefinedBehaviorSanitizer, then the threaded parts under
-# ThreadSanitizer; the Windows suite on the unpacked archive; the Debian package
-# installed into a scratch root; every fuzz target for a few seconds.
-test: deps-test test-debug test-asan test-tsan test-windows test-package test-fuzz
-
-test-debug:
-	cmake -S . -B $(BUILD)/test -DCMAKE_BUILD_TYPE=Debug -DGPUVET_WERROR=ON
-	cmake --build $(BUILD)/test -j$(JOBS)
-	cd $(BUILD)/test && ctest --output-on-failure -j$(JOBS)
-
-test-asan:
-	cmake -S . -B $(BUILD)/asan -DCMAKE_BUILD_TYPE=Debug -DGPUVET_WERROR=ON -DGPUVET_SANITIZE=address,undefined
-	cmake --build $(BUILD)/asan -j$(JOBS)
-	cd $(BUILD)/asan && ctest --output-on-failure -j$(JOBS)
-
-test-tsan:
-	cmake -S . -B $(BUILD)/tsan -DCMAKE_BUILD_TYPE=Debug -DGPUVET_WERROR=ON -DGPUVET_SANITIZE=thread \
-		-DGPUVET_MANUALS=OFF
-	cmake --build $(BUILD)/tsan -j$(JOBS) --target threaded-tests
-	cd $(BUILD)/tsan && ctest --output-on-failure -j$(JOBS) -L 'watchdog|e2e'
+	$(call e2e_suite_over,$(abspath $(BUILD))/deb/root/usr/bin)
 
 # Both tools for 64-bit Windows, cross-built with mingw-w64: $(BUILD)/windows/bin/*.exe.
 WINDOWS_DEPS = $(abspath $(BUILD))/windows-deps
@@ -75,7 +89,7 @@ windows:
 	cmake -S . -B $(BUILD)/windows -DCMAKE_TOOLCHAIN_FILE=cmake/mingw-w64-x86_64.cmake -DCMAKE_BUILD_TYPE=Release \
 		-DGPUVET_WERROR=ON -DGPUVET_WINDOWS_DEPS=$(WINDOWS_DEPS) \
 		-DGPUVET_TEST_ICD=$(abspath $(BUILD))/windows/libgpuvet_test_icd.so \
-		-DGPUVET_NATIVE_LISTS=$(abspath $(BUILD))/test/bin/gpuvet-lists
+		-DGPUVET_NATIVE_LISTS=$(abspath $(BUILD))/asan/bin/gpuvet-lists
 	cmake --build $(BUILD)/windows -j$(JOBS) --target gpuvet gpuvet-lists
 
 # $(BUILD)/windows/gpuvet-$(VERSION)-win64.zip: both .exe files, README.txt and the examples.
@@ -83,11 +97,9 @@ windows-zip: windows
 	cmake --build $(BUILD)/windows -j$(JOBS) --target windows-zip
 
 # The Windows suite: the executables of the unpacked archive under Wine, with
-# the test ICD built natively, and the native gpuvet-lists of the Debug build
-# reading the snapshots taken under Wine.
-test-windows: windows-zip
-	cmake -S . -B $(BUILD)/test -DCMAKE_BUILD_TYPE=Debug -DGPUVET_WERROR=ON
-	cmake --build $(BUILD)/test -j$(JOBS) --target gpuvet-lists
+# the test ICD built natively, and the native gpuvet-lists of the sanitizer
+# build reading the snapshots taken under Wine.
+test-windows: windows-zip asan
 	cmake --build $(BUILD)/windows -j$(JOBS)
 	cc -shared -fPIC -O1 -o $(BUILD)/windows/libgpuvet_test_icd.so tests/test_icd/test_icd.c
 	cd $(BUILD)/windows && ctest --output-on-failure -L windows
