@@ -57,13 +57,18 @@ asan:
 test-asan: asan
 	cd $(BUILD)/asan && ctest --output-on-failure -j$(TEST_JOBS)
 
-# The tools and the watchdog's own tests built with ThreadSanitizer.
+# gpuvet and the watchdog's own tests built with ThreadSanitizer: a run's two
+# threads are gpuvet's. The end-to-end suite runs over this gpuvet, beside the
+# gpuvet-lists of the sanitizer build, whose own work has one thread.
+TSAN_TOOLS = $(abspath $(BUILD))/tsan/tools
 test-tsan: asan
 	cmake -S . -B $(BUILD)/tsan -DCMAKE_BUILD_TYPE=Debug -DGPUVET_WERROR=ON -DGPUVET_SANITIZE=thread \
 		-DGPUVET_MANUALS=OFF
 	cmake --build $(BUILD)/tsan -j$(JOBS) --target threaded
 	cd $(BUILD)/tsan && ctest --output-on-failure -j$(TEST_JOBS) -L watchdog
-	$(call e2e_suite_over,$(abspath $(BUILD))/tsan/bin)
+	mkdir -p $(TSAN_TOOLS)
+	ln -sf $(abspath $(BUILD))/tsan/bin/gpuvet $(abspath $(BUILD))/asan/bin/gpuvet-lists $(TSAN_TOOLS)/
+	$(call e2e_suite_over,$(TSAN_TOOLS))
 
 # A plain Debug build and its whole suite: the quick round while working.
 test-debug:

@@ -81,6 +81,8 @@ const std::string& NamespaceUnavailableReason();
 // The two tools are this build's, or those in the folder named by GPUVET_E2E_TOOLS.
 const char* GpuvetBinary();
 const char* GpuvetListsBinary();
+// False when GPUVET_E2E_TOOLS names the tools' folder.
+bool ToolsOfThisBuild();
 const char* TestIcdLibrary();
 
 }  // namespace gpuvet::e2e

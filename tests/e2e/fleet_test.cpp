@@ -238,7 +238,7 @@ class FleetFiles : public ::testing::Test {
 // gpuvet-lists verdict --snapshot gives on its snapshot; the changes impact
 // counts are those of the statuses.
 TEST_F(FleetFiles, ImpactJudgesEachMachineAsVerdictOverItsSnapshot) {
-  constexpr int kMachines = 60;
+  constexpr int kMachines = 24;
   RandomFleet fleet(7);
   ImpactLists lists;
   lists.oldBlack = Write("old-black.xml", fleet.List("BlackList"));

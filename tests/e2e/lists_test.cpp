@@ -166,6 +166,8 @@ struct CommandLineForm {
   std::string says;
 };
 
+void PrintTo(const CommandLineForm& form, std::ostream* out) { *out << form.name; }
+
 class ExplainCommandLineTest : public ListsTest, public ::testing::WithParamInterface<CommandLineForm> {};
 
 TEST_P(ExplainCommandLineTest, MeansWhatItMeansToGpuvet) {

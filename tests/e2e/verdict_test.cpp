@@ -282,6 +282,8 @@ struct VerdictCase {
   std::string tail;
 };
 
+void PrintTo(const VerdictCase& verdictCase, std::ostream* out) { *out << verdictCase.name; }
+
 const std::string kOkTail = "gpuvet end(ok)\n";
 const std::string kOldTail = "driver is before 2018!\n";
 const std::string kNotListedTail = "check before in white list end\n\nnot in whitelist!\n";

@@ -328,7 +328,14 @@ def session_verdicts(suite, failures):
                 "check---dx[NVIDIA GeForce GTX 1080][7040], cl[NVIDIA GeForce GTX 1080]" if icd else "", last])
             expect_snapshot_gives_the_same_run(suite, failures, machine, ["--gpu", "1"] + lists, (status, output),
                                                row, icd)
-        # The other way round: machines recorded in the format the native tool reads and writes.
+    finally:
+        machine.close()
+
+
+def session_fleet_examples(suite, failures):
+    """The other way round: machines recorded in the format the native tool reads and writes."""
+    machine = Session(suite, "fleet_examples", [NVIDIA])
+    try:
         examples = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "examples")
         shutil.copytree(examples, machine.drive_c("examples"), dirs_exist_ok=True)
         for name in sorted(os.listdir(os.path.join(examples, "fleet"))):
@@ -514,7 +521,7 @@ def session_hostile_folder(suite, failures):
 
 
 SESSIONS = [session_watchdog_and_wine_wmi, session_machine, session_save, session_guard, session_hostile_folder,
-            session_verdicts, session_wmi_failures]
+            session_verdicts, session_fleet_examples, session_wmi_failures]
 
 
 class Suite:
@@ -547,9 +554,18 @@ def main():
     os.makedirs(suite.work, exist_ok=True)
     started = time.monotonic()
     make_template(suite)
-    results = {}
-    with concurrent.futures.ThreadPoolExecutor(max_workers=2) as pool:
-        futures = {pool.submit(session, suite, failures): (session.__name__, failures)
+    results, seconds = {}, {}
+
+    def timed(session, failures):
+        began = time.monotonic()
+        try:
+            session(suite, failures)
+        finally:
+            seconds[session.__name__] = time.monotonic() - began
+
+    # Every session at once: a session mostly waits for Wine and for the watchdog's tick.
+    with concurrent.futures.ThreadPoolExecutor(max_workers=len(SESSIONS)) as pool:
+        futures = {pool.submit(timed, session, failures): (session.__name__, failures)
                    for session in SESSIONS for failures in [[]]}
         for future in concurrent.futures.as_completed(futures):
             name, failures = futures[future]
@@ -559,7 +575,7 @@ def main():
                 failures.append("%s: %r" % (name, error))
             results[name] = failures
     for name, failures in sorted(results.items()):
-        print("%s %s" % ("FAIL" if failures else "PASS", name))
+        print("%s %s (%.0f s)" % ("FAIL" if failures else "PASS", name, seconds.get(name, 0)))
         for failure in failures:
             print("    " + failure.replace("\n", "\n    "))
     failed = sum(1 for failures in results.values() if failures)

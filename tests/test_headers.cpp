@@ -1,0 +1,1 @@
+// The object that carries the precompiled GoogleTest headers of the tests.
