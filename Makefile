@@ -43,9 +43,12 @@ install: build
 # The whole suite, built once, in a Debug build with warnings as errors under
 # AddressSanitizer and UndefinedBehaviorSanitizer. Its end-to-end suite then runs
 # again over the tools built with ThreadSanitizer, and over the tools of the
-# Debian package as it installs them; the Windows suite runs on the unpacked
-# archive; every fuzz target runs a few seconds.
-test: deps-test test-asan test-tsan test-package test-windows test-fuzz
+# Debian package as it installs them. Last, the Windows suite runs on the
+# unpacked archive; it mostly waits for Wine and the watchdog's tick, so every
+# fuzz target builds and runs a few seconds beside it (each part's output shows
+# when that part is done).
+test: deps-test test-asan test-tsan test-package
+	$(MAKE) -j2 --output-sync=target test-windows test-fuzz
 
 # The end-to-end suite of the sanitizer build over the tools in folder $(1).
 e2e_suite_over = cd $(BUILD)/asan && GPUVET_E2E_TOOLS=$(1) ctest --output-on-failure -j$(TEST_JOBS) -L e2e
