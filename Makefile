@@ -14,7 +14,8 @@ PREFIX ?= /usr/local
 VERSION := $(shell grep -om1 'gpuvet VERSION [0-9.]*' CMakeLists.txt | cut -d' ' -f3)
 
 .PHONY: all build deps-run deps-test deps-package run install test asan test-debug test-asan test-tsan \
-	test-package test-fuzz fuzz fuzz-build bench lint clean deb windows windows-zip test-windows
+	test-package package-checks test-fuzz fuzz fuzz-build bench lint clean deb windows windows-zip test-windows \
+	windows-suite
 
 all: build
 
@@ -43,12 +44,13 @@ install: build
 # The whole suite, built once, in a Debug build with warnings as errors under
 # AddressSanitizer and UndefinedBehaviorSanitizer. Its end-to-end suite then runs
 # again over the tools built with ThreadSanitizer, and over the tools of the
-# Debian package as it installs them. Last, the Windows suite runs on the
-# unpacked archive; it mostly waits for Wine and the watchdog's tick, so every
-# fuzz target builds and runs a few seconds beside it (each part's output shows
-# when that part is done).
-test: deps-test test-asan test-tsan test-package
-	$(MAKE) -j2 --output-sync=target test-windows test-fuzz
+# Debian package as it installs them, while the Windows archive builds. Last,
+# the Windows suite runs on the unpacked archive, while every fuzz target builds
+# and runs a few seconds. Checks that mostly wait (for the watchdog's tick, for
+# Wine) thus run beside a build; each part's output shows when it is done.
+test: deps-test test-asan test-tsan deb
+	$(MAKE) -j2 --output-sync=target package-checks windows-zip
+	$(MAKE) -j2 --output-sync=target windows-suite test-fuzz
 
 # The end-to-end suite of the sanitizer build over the tools in folder $(1).
 e2e_suite_over = cd $(BUILD)/asan && GPUVET_E2E_TOOLS=$(1) ctest --output-on-failure -j$(TEST_JOBS) -L e2e
@@ -87,6 +89,10 @@ deb: deps-package
 # The package installed into a scratch root, both tools run from there, and
 # the end-to-end suite over them: the tools as the package ships them.
 test-package: deb asan
+	$(MAKE) package-checks
+
+# What test-package checks, of a package and a build already made.
+package-checks:
 	bash scripts/check-package.sh $(BUILD)/deb $(VERSION)
 	$(call e2e_suite_over,$(abspath $(BUILD))/deb/root/usr/bin)
 
@@ -108,6 +114,10 @@ windows-zip: windows
 # the test ICD built natively, and the native gpuvet-lists of the sanitizer
 # build reading the snapshots taken under Wine.
 test-windows: windows-zip asan
+	$(MAKE) windows-suite
+
+# What test-windows runs, on an archive and a build already made.
+windows-suite:
 	cmake --build $(BUILD)/windows -j$(JOBS)
 	cc -shared -fPIC -O1 -o $(BUILD)/windows/libgpuvet_test_icd.so tests/test_icd/test_icd.c
 	cd $(BUILD)/windows && ctest --output-on-failure -L windows
