@@ -231,6 +231,15 @@ class FleetFiles : public ::testing::Test {
     std::ofstream(dir_ + "/" + name, std::ios::binary) << text;
     return dir_ + "/" + name;
   }
+  // Old and new lists drawn from the fleet, written beside its snapshots.
+  ImpactLists WriteLists(RandomFleet& fleet) const {
+    ImpactLists lists;
+    lists.oldBlack = Write("old-black.xml", fleet.List("BlackList"));
+    lists.oldWhite = Write("old-white.xml", fleet.List("WhiteList"));
+    lists.newBlack = Write("new-black.xml", fleet.List("BlackList"));
+    lists.newWhite = Write("new-white.xml", fleet.List("WhiteList"));
+    return lists;
+  }
   std::string dir_;
 };
 
@@ -240,11 +249,7 @@ class FleetFiles : public ::testing::Test {
 TEST_F(FleetFiles, ImpactJudgesEachMachineAsVerdictOverItsSnapshot) {
   constexpr int kMachines = 24;
   RandomFleet fleet(7);
-  ImpactLists lists;
-  lists.oldBlack = Write("old-black.xml", fleet.List("BlackList"));
-  lists.oldWhite = Write("old-white.xml", fleet.List("WhiteList"));
-  lists.newBlack = Write("new-black.xml", fleet.List("BlackList"));
-  lists.newWhite = Write("new-white.xml", fleet.List("WhiteList"));
+  ImpactLists lists = WriteLists(fleet);
   lists.gpuIndex = static_cast<int32_t>(fleet.Pick(3)) - 1;
   ::testing::internal::CaptureStderr();  // the lists that can't be read say so
   ImpactRun impact(lists);
@@ -289,11 +294,7 @@ TEST_F(FleetFiles, ImpactJudgesEachMachineAsVerdictOverItsSnapshot) {
 // back and merged in order, give the report of one run over the whole.
 TEST_F(FleetFiles, MergedPartsEqualOneRunOverTheWhole) {
   RandomFleet fleet(11);
-  ImpactLists lists;
-  lists.oldBlack = Write("old-black.xml", fleet.List("BlackList"));
-  lists.oldWhite = Write("old-white.xml", fleet.List("WhiteList"));
-  lists.newBlack = Write("new-black.xml", fleet.List("BlackList"));
-  lists.newWhite = Write("new-white.xml", fleet.List("WhiteList"));
+  ImpactLists lists = WriteLists(fleet);
   lists.gpuIndex = 0;
   std::vector<MachineRecord> machines;
   for (int m = 0; m < 120; ++m) machines.push_back(fleet.Machine());
